@@ -1,0 +1,75 @@
+// The hand-off between the read thread (one producer) and the main thread
+// (one consumer): 60 preallocated frame slots, newest-wins, plus two rate
+// meters. Nothing blocks: the producer never waits, the consumer polls.
+//
+// Slots are not locked. A slot handed out by takeNewest() is written again
+// only after 59 further commits, so the consumer must be done with it within
+// that time (about two seconds at 30 frames per second).
+#pragma once
+
+#include <opencv2/core.hpp>
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+
+#include "rate_source.h"
+#include "thread_annotations.h"
+
+class FrameRing : public RateSource {
+public:
+    static constexpr int kSlots = 60;
+    static constexpr size_t kMaxStamps = 121;
+
+    // Nanoseconds since the epoch; replaceable so tests can drive the clock.
+    using Clock = int64_t (*)();
+    static int64_t systemClockNanos();
+
+    explicit FrameRing(Clock clock = &systemClockNanos);
+    FrameRing(const FrameRing&) = delete;
+    FrameRing& operator=(const FrameRing&) = delete;
+
+    // Producer: the slot the next frame is decoded into.
+    cv::Mat& writeSlot() { return frames[writeIndex]; }
+    // Producer: publishes writeSlot() and moves on; records a commit stamp.
+    void commitFrame() EXCLUDES(ringMutex, rateMutex);
+
+    // Consumer: the newest committed slot if it is not the one handed out
+    // last, else -1. Records a take stamp when it hands one out.
+    int takeNewest() EXCLUDES(ringMutex, rateMutex);
+    // Consumer: take-and-clear variant. Hands out the newest committed slot
+    // and forgets it, so a take finds something only after a new commit.
+    int takeAndClear() EXCLUDES(ringMutex, rateMutex);
+    cv::Mat& slot(int i) { return frames[i]; }
+
+    // Empties both stamp histories; indices, slots and rates stay. Call only
+    // while no producer runs.
+    void resetStamps();
+
+    double queueRate() const override EXCLUDES(rateMutex);
+    double dequeueRate() const override EXCLUDES(rateMutex);
+
+    int32_t writeIndexValue() const { return writeIndex; }
+    int32_t lastWrittenValue() const EXCLUDES(ringMutex);
+    size_t queueStampCount() const { return queueStamps.size(); }
+    size_t dequeueStampCount() const { return dequeueStamps.size(); }
+
+    // Consumer-only: the slot being composed, -1 while none. Not guarded.
+    int32_t servingIndex = -1;
+
+private:
+    void recordRate(std::deque<int64_t>& history, double& rate) EXCLUDES(ringMutex, rateMutex);
+
+    std::array<cv::Mat, kSlots> frames;
+    int32_t writeIndex = 0;  // written by the producer only (under ringMutex)
+    int32_t lastWritten GUARDED_BY(ringMutex) = -1;
+    int32_t lastServed GUARDED_BY(ringMutex) = -1;
+    std::deque<int64_t> queueStamps;    // producer's
+    std::deque<int64_t> dequeueStamps;  // consumer's
+    mutable std::mutex ringMutex;
+    mutable std::mutex rateMutex;
+    double dequeueRateValue GUARDED_BY(rateMutex) = 0.0;
+    double queueRateValue GUARDED_BY(rateMutex) = 0.0;
+    Clock clock;
+};
