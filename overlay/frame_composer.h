@@ -1,0 +1,95 @@
+// Turns one captured frame into the JPEG bytes that are served: scales it to
+// 1280 x 720, draws the overlays of the overlay file into it at half opacity
+// and encodes it with JPEG quality 55. Camera and rtspQueue each own one.
+//
+// Owns: the overlay file state, the overlay canvas and the encoder
+// parameters. Main thread only (the consumer of the frame ring); the only
+// lock taken is the rate source's own, inside drawRateText, for one read.
+//
+// Every overlay is one line of white Hershey duplex text on a filled black
+// box centred on its position. All overlays of a frame are drawn onto
+// overlayCanvas, a copy of the frame, which is then blended back 50/50, so
+// overlapping boxes darken the picture only once.
+//
+// The overlay file is untrusted input; these bounds keep a hostile file from
+// crashing or stalling the main loop:
+//  - At most kMaxOverlaysPerFrame elements (the first ones, in array order)
+//    are examined per frame; later elements are ignored without a message.
+//  - Texts are drawn and measured up to their first kMaxTextBytes bytes.
+//  - Positions that are not finite draw nothing; finite ones are clamped to
+//    +-kFarAway pixels, far outside the frame, before conversion to int.
+//  - Date and time formats longer than kMaxTextBytes draw nothing. Their
+//    expansion is bounded by the 100-byte buffer; when strftime returns 0
+//    (expansion too long, or empty) the overlay draws nothing, not even a box.
+//  - Rate formats are checked before use (isSafeRateFormat): literal text,
+//    "%%" and exactly one floating conversion. A format that fails the check
+//    draws nothing for that overlay. The output is cut to the 80-byte buffer.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "overlay_file.h"
+#include "rate_source.h"
+
+inline constexpr int kOutputWidth = 1280;
+inline constexpr int kOutputHeight = 720;
+inline constexpr int kMaxOverlaysPerFrame = 64;
+inline constexpr std::size_t kMaxTextBytes = 256;
+inline constexpr double kFarAway = 100000.0;
+inline constexpr std::size_t kTimeTextBytes = 100;  // terminating zero included
+inline constexpr std::size_t kRateTextBytes = 80;   // terminating zero included
+
+// Whether `format` may be handed to snprintf with one double: only literal
+// text, "%%" and exactly one conversion of the form
+//   % [flags -+ #0]* [width: 1-2 digits] [. precision: 0-2 digits] [l] f|F|e|E|g|G|a|A
+// with width and precision at most kRateTextBytes - 1, and at most
+// kMaxTextBytes bytes in all. No '*', no '$' positions, no other conversion.
+bool isSafeRateFormat(const char* format);
+
+class FrameComposer {
+public:
+    // `rates` must outlive the composer.
+    explicit FrameComposer(const RateSource& rates, std::string overlayPath = kOverlayFilePath);
+    FrameComposer(const FrameComposer&) = delete;
+    FrameComposer& operator=(const FrameComposer&) = delete;
+
+    // REQUIRES: slot holds an 8-bit, 3-channel frame (an empty slot gives an
+    // empty result and is left alone). Scales the slot in place to
+    // 1280 x 720, applies the overlays and encodes it; the slot keeps the
+    // composed frame. Returns the JPEG bytes, empty if the encoder made none.
+    std::string composeFrame(cv::Mat& slot);  // new output vector each call
+    // Same, encoding into the caller's vector, which keeps its capacity.
+    std::string composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer);
+
+    // Draws the overlay file's overlays into `frame` (1280 x 720, 8UC3).
+    // Without usable overlays the frame is neither copied nor touched.
+    void applyOverlays(cv::Mat& frame);
+
+    // The drawing operations below draw into overlayCanvas; (x, y) is the
+    // pixel position of the text's centre.
+    void drawTextBox(const char* text, double x, double y);
+    void drawTimeText(const char* format, double x, double y);
+    void drawRateText(const char* format, double (RateSource::*rate)() const, double x, double y);
+    // Image overlays are accepted in the file but draw nothing.
+    void drawImage(const char* path);
+
+    std::vector<int> encodeParams{cv::IMWRITE_JPEG_QUALITY, 55};
+    // The copy of the frame the overlays are drawn on; keeps its buffer.
+    cv::Mat overlayCanvas;
+    OverlayFile overlayFile;
+    struct CachedImage {
+        int64_t stamp;
+        cv::Mat image;
+    };
+    // Reserved for image overlays; nothing fills it.
+    std::map<std::string, CachedImage> imageCache;
+
+private:
+    const RateSource& rates;
+};
