@@ -1,0 +1,194 @@
+// test-camera: a stand-in for the network camera, for tests, demos and benchmarks.
+//
+// Serves a live synthetic H.264 picture (a moving ball with the running time
+// printed on it) over RTSP on 127.0.0.1. One shared pipeline feeds every
+// client, so the video server, ffmpeg and a benchmark can watch at once.
+// Transport is RTP interleaved in the RTSP TCP connection only: a client sees
+// end of stream as soon as the camera goes away, and no frame is lost to UDP
+// drops on a loaded machine. ffmpeg (and so OpenCV) falls back to TCP by itself
+// after the server refuses UDP.
+//
+// When ready it prints exactly one line, "rtsp://127.0.0.1:PORT/PATH", on
+// stdout. SIGINT and SIGTERM end it with status 0.
+
+#include <getopt.h>
+#include <glib-unix.h>
+#include <gst/gst.h>
+#include <gst/rtsp-server/rtsp-server.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+struct Options {
+    int port = 8554;
+    std::string path = "/stream";
+    int width = 1280;
+    int height = 720;
+    int fps = 30;
+};
+
+void usage(FILE* out) {
+    std::fprintf(out,
+                 "usage: test-camera [--port N] [--path /stream] [--size WxH] [--fps N]\n"
+                 "  --port N     RTSP port on 127.0.0.1 (default 8554; 0 picks a free one)\n"
+                 "  --path P     stream path (default /stream)\n"
+                 "  --size WxH   picture size (default 1280x720)\n"
+                 "  --fps N      frames per second (default 30)\n"
+                 "Prints the stream URL on stdout once clients can connect.\n");
+}
+
+bool parseInt(const char* text, int lo, int hi, int& out) {
+    char* end = nullptr;
+    long v = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || v < lo || v > hi) return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+bool parseSize(const char* text, int& w, int& h) {
+    std::string s(text);
+    auto x = s.find('x');
+    if (x == std::string::npos) return false;
+    // Even sizes only: the encoder's 4:2:0 chroma needs them.
+    return parseInt(s.substr(0, x).c_str(), 16, 7680, w) &&
+           parseInt(s.substr(x + 1).c_str(), 16, 4320, h) && w % 2 == 0 && h % 2 == 0;
+}
+
+// Returns 0 when the options are good, or the exit status to leave with.
+int parseOptions(int argc, char** argv, Options& o) {
+    static const option longOpts[] = {
+        {"port", required_argument, nullptr, 'p'}, {"path", required_argument, nullptr, 'u'},
+        {"size", required_argument, nullptr, 's'}, {"fps", required_argument, nullptr, 'f'},
+        {"help", no_argument, nullptr, 'h'},       {nullptr, 0, nullptr, 0},
+    };
+    for (int c; (c = getopt_long(argc, argv, "", longOpts, nullptr)) != -1;) {
+        bool ok = true;
+        switch (c) {
+            case 'p': ok = parseInt(optarg, 0, 65535, o.port); break;
+            case 'u':
+                o.path = optarg;
+                ok = o.path.size() > 1 && o.path[0] == '/';
+                break;
+            case 's': ok = parseSize(optarg, o.width, o.height); break;
+            case 'f': ok = parseInt(optarg, 1, 240, o.fps); break;
+            case 'h': usage(stdout); return -1;
+            default: usage(stderr); return 2;
+        }
+        if (!ok) {
+            std::fprintf(stderr, "test-camera: bad value for --%s: %s\n",
+                         c == 'p' ? "port" : c == 'u' ? "path" : c == 's' ? "size" : "fps", optarg);
+            return 2;
+        }
+    }
+    if (optind < argc) {
+        usage(stderr);
+        return 2;
+    }
+    return 0;
+}
+
+bool haveElement(const char* name) {
+    GstElementFactory* f = gst_element_factory_find(name);
+    if (!f) return false;
+    gst_object_unref(f);
+    return true;
+}
+
+// The text overlay needs the pango plugin, which is optional: without it the
+// picture still moves, it just carries no clock.
+std::string launchLine(const Options& o, bool withClock) {
+    // A yellow ball on slate blue rather than white on black, so that white
+    // text on a dark box drawn over the picture stays visible in demos.
+    std::string s = "( videotestsrc is-live=true pattern=ball background-color=0xff304860 "
+                    "foreground-color=0xffffd040 ! video/x-raw,format=I420,width=" +
+                    std::to_string(o.width) + ",height=" + std::to_string(o.height) +
+                    ",framerate=" + std::to_string(o.fps) + "/1";
+    if (withClock) {
+        s += " ! timeoverlay halignment=left valignment=top font-desc=\"Sans 24\" "
+             "shaded-background=true";
+    }
+    // One key frame a second, so a client that joins late decodes within a second.
+    s += " ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
+         std::to_string(o.fps) +
+         " ! video/x-h264,profile=constrained-baseline"
+         " ! rtph264pay name=pay0 pt=96 config-interval=1 )";
+    return s;
+}
+
+gboolean onQuitSignal(gpointer loop) {
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options opt;
+    if (int rc = parseOptions(argc, argv, opt); rc != 0) return rc < 0 ? 0 : rc;
+
+    // A client that vanishes mid-write must not kill the camera.
+    signal(SIGPIPE, SIG_IGN);
+    gst_init(nullptr, nullptr);
+
+    for (const char* needed : {"videotestsrc", "x264enc", "rtph264pay"}) {
+        if (!haveElement(needed)) {
+            std::fprintf(stderr, "test-camera: GStreamer element %s is missing\n", needed);
+            return 1;
+        }
+    }
+    const bool withClock = haveElement("timeoverlay");
+    if (!withClock) std::fprintf(stderr, "test-camera: timeoverlay missing, picture has no clock\n");
+
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    GstRTSPServer* server = gst_rtsp_server_new();
+    gst_rtsp_server_set_address(server, "127.0.0.1");
+    gst_rtsp_server_set_service(server, std::to_string(opt.port).c_str());
+
+    // Handle every client in the main loop, one request at a time. With the
+    // default pool thread per client, a client that connects while the last
+    // one's disconnect is still tearing the shared pipeline down is answered
+    // "503 Service Unavailable".
+    GstRTSPThreadPool* pool = gst_rtsp_server_get_thread_pool(server);
+    gst_rtsp_thread_pool_set_max_threads(pool, 0);
+    g_object_unref(pool);
+
+    GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_launch(factory, launchLine(opt, withClock).c_str());
+    gst_rtsp_media_factory_set_shared(factory, TRUE);
+    gst_rtsp_media_factory_set_protocols(factory, GST_RTSP_LOWER_TRANS_TCP);
+    GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server);
+    gst_rtsp_mount_points_add_factory(mounts, opt.path.c_str(), factory);  // takes factory
+    g_object_unref(mounts);
+
+    GError* err = nullptr;
+    GSource* listen = gst_rtsp_server_create_source(server, nullptr, &err);
+    if (!listen) {
+        std::fprintf(stderr, "test-camera: cannot listen on 127.0.0.1:%d: %s\n", opt.port,
+                     err ? err->message : "unknown error");
+        g_clear_error(&err);
+        return 1;
+    }
+    g_source_attach(listen, nullptr);
+
+    g_unix_signal_add(SIGINT, onQuitSignal, loop);
+    g_unix_signal_add(SIGTERM, onQuitSignal, loop);
+
+    std::printf("rtsp://127.0.0.1:%d%s\n", gst_rtsp_server_get_bound_port(server),
+                opt.path.c_str());
+    std::fflush(stdout);
+
+    g_main_loop_run(loop);
+
+    // Stop accepting, then leave without tearing the streaming threads down
+    // one by one: the kernel closes every client connection at exit, which is
+    // exactly what a camera that goes away looks like to its clients.
+    g_source_destroy(listen);
+    g_source_unref(listen);
+    std::fflush(nullptr);
+    _exit(0);
+}
