@@ -7,7 +7,7 @@
 #include <ctime>
 #include <string>
 
-std::mutex g_log;
+std::mutex g_log asm("vs_event_log_mutex");
 
 namespace {
 std::string& logPath() {

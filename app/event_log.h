@@ -8,7 +8,10 @@
 #include "thread_annotations.h"
 
 // Serialises whole log calls (format, clock, open, write, close).
-extern std::mutex g_log;
+// The linker name differs from the source name: GLib (loaded by the video
+// library's GStreamer back end) exports a function called g_log, and a data
+// symbol of that name in the executable would capture GLib's calls.
+extern std::mutex g_log asm("vs_event_log_mutex");
 
 inline constexpr const char* kEventLogPath = "/media/usb99/stream.log";
 

@@ -1,6 +1,9 @@
 // Small helpers shared by the unit tests.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>

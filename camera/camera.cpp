@@ -1,0 +1,93 @@
+#include "camera.h"
+
+#include <cstring>
+
+#include "probe.h"
+
+namespace {
+constexpr int kProbeTimeoutSeconds = 2;
+constexpr int64_t kRetryPauseMicros = 1000000;
+constexpr int kImagePolls = 1000;
+}  // namespace
+
+Camera::Camera(StreamSettings& settings, std::string overlayPath)
+    : composer(ring, std::move(overlayPath)), settings(&settings) {}
+
+Camera::~Camera() {
+    // The main program always calls stop() first; a test or an early return
+    // that did not must not leave a joinable thread behind.
+    running = false;
+    if (readThread.joinable()) readThread.join();
+}
+
+bool Camera::ensureOpen() {
+    if (capture.isOpened()) return true;
+
+    if (settings->testUrl[0] != '\0') {
+        logEvent(g_log, "Testing connection to %s:%d", settings->testHost, settings->testPort);
+        if (!testConnection(settings->testHost, settings->testPort, kProbeTimeoutSeconds)) {
+            logEvent(g_log, "Failure establishing connection");
+            sleepMicros(kRetryPauseMicros);
+            return false;
+        }
+        logEvent(g_log, "Success");
+    }
+
+    if (strlen(settings->url) < 3) {
+        logEvent(g_log, "Invalid stream URL : %s", settings->url);
+        sleepMicros(kRetryPauseMicros);
+        return false;
+    }
+
+    logEvent(g_log, "Opening stream %s", settings->url);
+    if (!capture.open(std::string(settings->url))) {
+        logEvent(g_log, "Failure opening stream");
+        sleepMicros(kRetryPauseMicros);
+        return false;
+    }
+    logEvent(g_log, "Stream opened");
+
+    ring.resetStamps();
+    // Raised before the thread starts, so a stop() right after is never lost.
+    running = true;
+    readThread = std::thread(&Camera::readLoop, this);
+    logEvent(g_log, "Read thread running");
+    return true;
+}
+
+void Camera::stop() {
+    if (!capture.isOpened()) return;
+    logEvent(g_log, "Stopping camera");
+    running = false;
+    if (readThread.joinable()) readThread.join();
+    capture.release();
+    logEvent(g_log, "Camera stopped");
+}
+
+void Camera::readLoop() {
+    do {
+        // Decode straight into the ring's write slot: no intermediate copy.
+        decodeGuarded([this](cv::Mat& slot) { capture >> slot; }, ring.writeSlot());
+        if (ring.writeSlot().empty()) {
+            logEvent(g_log, "Empty frame");
+        } else {
+            ring.commitFrame();
+        }
+        sleepLoopPeriod();
+    } while (running);
+}
+
+bool Camera::getImage(std::string& jpeg) {
+    for (int poll = 1; poll <= kImagePolls; ++poll) {
+        const int i = ring.takeNewest();
+        if (i != -1) {
+            ring.servingIndex = i;
+            jpeg = composer.composeFrame(ring.slot(i));
+            return true;
+        }
+        ring.servingIndex = -1;
+        sleepLoopPeriod();
+    }
+    logEvent(g_log, "getImage timeout");
+    return false;
+}
