@@ -1,0 +1,139 @@
+// rtspQueue: a self-contained alternative to Camera with the same frame-fetch
+// contract. It opens the stream in its constructor (blocking, one attempt
+// every 7 seconds), runs a reader thread that decodes into a 60-slot frame
+// ring and reopens the stream by itself after 11 empty frames in a row, and
+// hands the newest frame out as JPEG, composed like Camera's, through a
+// short-polling getImage(). It reports on the standard streams only:
+//
+//   std::cout  "Opening endpoint", "Stream opened", "Stream running",
+//              "Stream closed"
+//   printf     "Version = %s", "Q F = %d" (each commit), "DQ F = %d" (each take)
+//   std::cerr  "frame empty"
+//
+// Every line is flushed as soon as it is written, so a reader on a pipe sees
+// the lines of both threads in the order they were printed.
+//
+// Where the reader thread differs from Camera's read thread: it prints to the
+// console instead of the event log; it sleeps 1 ms (usleep) after a commit
+// only, never after an empty frame; it releases and reopens the stream on the
+// 11th consecutive empty frame; and an exception thrown by the video library
+// while reading counts as an empty frame (see decodeFrame).
+//
+// Threads: the constructor, getImage(), takeNewest() and the destructor run
+// on one consumer thread; readLoop() runs on the thread start() returns,
+// which the caller owns; stop() may be called from any thread. The ring's
+// roles are as for Camera: the reader owns the write slot and the commit
+// stamps, the consumer owns servingIndex, the slot it composes, jpegBuffer
+// and the composer.
+//
+// Lifecycle: construct (blocks until open) -> start() -> stop() -> join the
+// thread -> destroy. The destructor releases the stream but neither stops nor
+// joins the reader: the owner must have joined it first.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "frame_composer.h"
+#include "frame_ring.h"
+#include "overlay_file.h"
+#include "thread_annotations.h"
+
+class rtspQueue {
+public:
+    // Pause before each opening attempt, the first one included.
+    static constexpr std::chrono::seconds kOpenRetryPause{7};
+    // The 11th empty frame in a row releases and reopens the stream.
+    static constexpr int kMaxEmptyFrames = 10;
+    static constexpr int kImageAttempts = 10;
+    static constexpr useconds_t kImagePollMicros = 5000;
+    static constexpr useconds_t kCommitPauseMicros = 1000;
+
+    // Prints "Opening endpoint" and returns only once the stream is open,
+    // trying every 7 seconds without limit (there is no probe and no way to
+    // give up). Then sets the codec and frame-rate properties (results
+    // ignored), sets `running` and prints "Stream running".
+    explicit rtspQueue(std::string url, std::string overlayPath = kOverlayFilePath);
+    // Releases the stream and prints "Stream closed".
+    // REQUIRES: no reader thread running (stop() and join first).
+    ~rtspQueue();
+    rtspQueue(const rtspQueue&) = delete;
+    rtspQueue& operator=(const rtspQueue&) = delete;
+
+    // Starts readLoop() on a new thread; the caller owns and joins it.
+    std::thread start();
+    // Clears `running` and cuts short a reopen pause in progress; the reader
+    // returns after the step it is in. A read or an open attempt already
+    // inside the video library is not interrupted: it ends when the library
+    // gives up (at once for a refused connection). Any thread.
+    void stop();
+
+    // Reader thread: prints "Opening endpoint", then waits 7 s and tries to
+    // open until the stream is open ("Stream opened"). Returns without
+    // opening, after at most the step in progress, once `running` is clear.
+    void openEndpoint();
+    // Reader thread body: decode, commit or count an empty frame, reopen
+    // after 11 empty frames in a row, until `running` is clear.
+    void readLoop();
+
+    // Consumer: up to 10 takes 5 ms apart. On a frame, composes and encodes
+    // it into `jpeg` and returns true; after 10 empty takes returns false
+    // and leaves `jpeg` unchanged. Prints "DQ F = %d" for every take.
+    bool getImage(std::string& jpeg);
+    // Reader: publishes the write slot and prints "Q F = %d" with its index.
+    void commitFrame();
+    // Consumer: take-and-clear hand-off. The newest committed slot, or -1 if
+    // nothing was committed since the last take; prints "DQ F = %d" either way.
+    int takeNewest();
+
+    // One decoding call into `slot`. True only when it returned normally and
+    // left a frame in the slot. Whatever it throws is swallowed and counts
+    // as an empty frame: a failed read must neither end the reader nor get a
+    // stale slot committed.
+    template <typename Decode>
+    static bool decodeFrame(Decode&& decode, cv::Mat& slot);
+
+    bool isRunning() const { return running; }
+
+private:
+    // Sleeps kOpenRetryPause before an opening attempt. With `stoppable`,
+    // stop() ends the pause early and the result is false.
+    bool pauseBeforeOpen(bool stoppable) EXCLUDES(pauseMutex);
+    // Opens the capture, pausing before each attempt. False if stopped.
+    bool openWithRetries(bool stoppable);
+
+    std::atomic<bool> running{false};
+    const std::string url;
+    std::vector<uchar> jpegBuffer;  // encoder output, reused frame to frame
+    cv::VideoCapture capture;       // the reader thread's while it runs
+
+public:
+    // Public for tests, as Camera's are. The composer reads the ring's rates
+    // and owns the overlay state and the encoder parameters.
+    FrameRing ring;
+    FrameComposer composer;
+
+private:
+    std::mutex pauseMutex;  // pairs with stopSignal; guards no data
+    std::condition_variable stopSignal;
+};
+
+template <typename Decode>
+bool rtspQueue::decodeFrame(Decode&& decode, cv::Mat& slot) {
+    try {
+        decode(slot);
+    } catch (...) {
+        return false;
+    }
+    return !slot.empty();
+}
