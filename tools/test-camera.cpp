@@ -8,6 +8,10 @@
 // drops on a loaded machine. ffmpeg (and so OpenCV) falls back to TCP by itself
 // after the server refuses UDP.
 //
+// With --stamp every frame also carries the wall-clock time of its generation
+// as two rows of black and white blocks along its bottom edge (bench/stamp.h), so
+// a benchmark can tell how old each served frame is.
+//
 // When ready it prints exactly one line, "rtsp://127.0.0.1:PORT/PATH", on
 // stdout. SIGINT and SIGTERM end it with status 0.
 
@@ -15,12 +19,16 @@
 #include <glib-unix.h>
 #include <gst/gst.h>
 #include <gst/rtsp-server/rtsp-server.h>
+#include <gst/video/video.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+
+#include "../bench/stamp.h"
 
 namespace {
 
@@ -30,15 +38,17 @@ struct Options {
     int width = 1280;
     int height = 720;
     int fps = 30;
+    bool stamp = false;
 };
 
 void usage(FILE* out) {
     std::fprintf(out,
-                 "usage: test-camera [--port N] [--path /stream] [--size WxH] [--fps N]\n"
+                 "usage: test-camera [--port N] [--path /stream] [--size WxH] [--fps N] [--stamp]\n"
                  "  --port N     RTSP port on 127.0.0.1 (default 8554; 0 picks a free one)\n"
                  "  --path P     stream path (default /stream)\n"
                  "  --size WxH   picture size (default 1280x720)\n"
                  "  --fps N      frames per second (default 30)\n"
+                 "  --stamp      write each frame's generation time into its bottom edge\n"
                  "Prints the stream URL on stdout once clients can connect.\n");
 }
 
@@ -64,7 +74,8 @@ int parseOptions(int argc, char** argv, Options& o) {
     static const option longOpts[] = {
         {"port", required_argument, nullptr, 'p'}, {"path", required_argument, nullptr, 'u'},
         {"size", required_argument, nullptr, 's'}, {"fps", required_argument, nullptr, 'f'},
-        {"help", no_argument, nullptr, 'h'},       {nullptr, 0, nullptr, 0},
+        {"stamp", no_argument, nullptr, 't'},      {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     for (int c; (c = getopt_long(argc, argv, "", longOpts, nullptr)) != -1;) {
         bool ok = true;
@@ -76,6 +87,7 @@ int parseOptions(int argc, char** argv, Options& o) {
                 break;
             case 's': ok = parseSize(optarg, o.width, o.height); break;
             case 'f': ok = parseInt(optarg, 1, 240, o.fps); break;
+            case 't': o.stamp = true; break;
             case 'h': usage(stdout); return -1;
             default: usage(stderr); return 2;
         }
@@ -104,7 +116,7 @@ bool haveElement(const char* name) {
 std::string launchLine(const Options& o, bool withClock) {
     // A yellow ball on slate blue rather than white on black, so that white
     // text on a dark box drawn over the picture stays visible in demos.
-    std::string s = "( videotestsrc is-live=true pattern=ball background-color=0xff304860 "
+    std::string s = "( videotestsrc name=src is-live=true pattern=ball background-color=0xff304860 "
                     "foreground-color=0xffffd040 ! video/x-raw,format=I420,width=" +
                     std::to_string(o.width) + ",height=" + std::to_string(o.height) +
                     ",framerate=" + std::to_string(o.fps) + "/1";
@@ -118,6 +130,88 @@ std::string launchLine(const Options& o, bool withClock) {
          " ! video/x-h264,profile=constrained-baseline"
          " ! rtph264pay name=pay0 pt=96 config-interval=1 )";
     return s;
+}
+
+// Where the three planes of an I420 buffer start, and their line strides.
+struct I420Layout {
+    gsize offset[3];
+    gint stride[3];
+};
+
+// The layout comes from the buffer's video meta when it has one; otherwise
+// it is GStreamer's default for I420 (lines padded to four bytes), which the
+// buffer's size must then match.
+bool i420Layout(GstBuffer* buf, int width, int height, I420Layout& out) {
+    // Looked up by name: the meta's API type lives in libgstvideo, which this
+    // program does not link; the plugins that attach the meta register it.
+    static const GType videoMetaApi = g_type_from_name("GstVideoMetaAPI");
+    if (videoMetaApi != 0) {
+        if (const GstMeta* meta = gst_buffer_get_meta(buf, videoMetaApi)) {
+            const auto* vm = reinterpret_cast<const GstVideoMeta*>(meta);
+            if (vm->format != GST_VIDEO_FORMAT_I420 || vm->n_planes != 3 ||
+                static_cast<int>(vm->width) != width || static_cast<int>(vm->height) != height) {
+                return false;
+            }
+            for (int i = 0; i < 3; ++i) {
+                out.offset[i] = vm->offset[i];
+                out.stride[i] = vm->stride[i];
+            }
+            return true;
+        }
+    }
+    const gint lumaStride = GST_ROUND_UP_4(width);
+    const gint chromaStride = GST_ROUND_UP_4(width / 2);
+    out.stride[0] = lumaStride;
+    out.stride[1] = out.stride[2] = chromaStride;
+    out.offset[0] = 0;
+    out.offset[1] = static_cast<gsize>(lumaStride) * height;
+    out.offset[2] = out.offset[1] + static_cast<gsize>(chromaStride) * (height / 2);
+    return gst_buffer_get_size(buf) == out.offset[2] + static_cast<gsize>(chromaStride) * (height / 2);
+}
+
+// Buffer probe on the source's output: runs as each raw frame leaves
+// videotestsrc, which pushes a live frame at its capture time, so "now" is
+// the frame's generation time.
+GstPadProbeReturn stampFrame(GstPad*, GstPadProbeInfo* info, gpointer data) {
+    const Options& o = *static_cast<const Options*>(data);
+    const gint64 now = g_get_real_time();
+    GstBuffer* buf = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+    GST_PAD_PROBE_INFO_DATA(info) = buf;
+
+    I420Layout layout;
+    GstMapInfo map;
+    if (!i420Layout(buf, o.width, o.height, layout)) {
+        static bool warned = false;
+        if (!warned) std::fprintf(stderr, "test-camera: unexpected frame layout, frames not stamped\n");
+        warned = true;
+        return GST_PAD_PROBE_OK;
+    }
+    if (!gst_buffer_map(buf, &map, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+    stamp::paint(map.data + layout.offset[0], static_cast<std::size_t>(layout.stride[0]), o.width,
+                 o.height, now);
+    // Neutral chroma under the stamp: plain grey blocks, no tint of the
+    // background bleeding into them.
+    for (int plane = 1; plane < 3; ++plane) {
+        for (int y = stamp::bandTop(o.height) / 2; y < o.height / 2; ++y) {
+            std::memset(map.data + layout.offset[plane] + static_cast<gsize>(y) * layout.stride[plane],
+                        128, static_cast<std::size_t>(o.width / 2));
+        }
+    }
+    gst_buffer_unmap(buf, &map);
+    return GST_PAD_PROBE_OK;
+}
+
+// Each time the shared pipeline is built (again, after the last client left).
+void onMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data) {
+    GstElement* bin = gst_rtsp_media_get_element(media);
+    GstElement* src = gst_bin_get_by_name(GST_BIN(bin), "src");
+    if (src) {
+        GstPad* pad = gst_element_get_static_pad(src, "src");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, stampFrame, data, nullptr);
+        gst_object_unref(pad);
+        gst_object_unref(src);
+    }
+    gst_object_unref(bin);
 }
 
 gboolean onQuitSignal(gpointer loop) {
@@ -161,6 +255,7 @@ int main(int argc, char** argv) {
     gst_rtsp_media_factory_set_launch(factory, launchLine(opt, withClock).c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
     gst_rtsp_media_factory_set_protocols(factory, GST_RTSP_LOWER_TRANS_TCP);
+    if (opt.stamp) g_signal_connect(factory, "media-configure", G_CALLBACK(onMediaConfigure), &opt);
     GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server);
     gst_rtsp_mount_points_add_factory(mounts, opt.path.c_str(), factory);  // takes factory
     g_object_unref(mounts);

@@ -1,17 +1,22 @@
 // The bundled test camera, read through OpenCV exactly as the server reads a
 // real camera, and the TestCamera fixture that runs it.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "../../bench/stamp.h"
 #include "../test_camera.h"
 #include "../test_util.h"
 
@@ -170,6 +175,111 @@ TEST(TestCameraTest, AnswersClientsThatArriveAsTheLastOneLeaves) {
         answered += status == "RTSP/1.0 200 OK";
     }
     EXPECT_EQ(answered, 20);
+}
+
+// The test camera with --stamp, which TestCamera's fixed argument list cannot
+// pass; killed when the test ends (or dies).
+class StampedCamera {
+public:
+    explicit StampedCamera(const char* size) {
+        int out[2];
+        if (pipe2(out, O_CLOEXEC) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dup2(out[1], STDOUT_FILENO);
+            execl(TEST_CAMERA_BIN, TEST_CAMERA_BIN, "--port", "0", "--size", size, "--stamp",
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        const auto deadline = Clock::now() + 10s;
+        std::string line;
+        while (pid_ > 0 && line.find('\n') == std::string::npos && Clock::now() < deadline) {
+            pollfd p{out[0], POLLIN, 0};
+            if (poll(&p, 1, 100) != 1) continue;
+            char buf[256];
+            ssize_t n = read(out[0], buf, sizeof buf);
+            if (n <= 0) break;
+            line.append(buf, static_cast<size_t>(n));
+        }
+        close(out[0]);
+        if (auto nl = line.find('\n'); nl != std::string::npos) url_ = line.substr(0, nl);
+    }
+    ~StampedCamera() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    StampedCamera(const StampedCamera&) = delete;
+    StampedCamera& operator=(const StampedCamera&) = delete;
+
+    // Empty when the camera did not come up.
+    const std::string& url() const { return url_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string url_;
+};
+
+int64_t unixMicros() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::optional<int64_t> readStamp(const cv::Mat& bgr, int64_t now) {
+    cv::Mat grey;
+    cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+    return stamp::read(grey.data, grey.step, grey.cols, grey.rows, now);
+}
+
+// The stamp is written before H.264 encoding and must come out of OpenCV's
+// decode as the frame's generation time: every frame stamped, stamps rising at
+// the frame rate, and a frame read as it arrives only a little older than now.
+TEST(TestCameraTest, StampCarriesEachFramesGenerationTime) {
+    StampedCamera cam("1920x1080");
+    ASSERT_FALSE(cam.url().empty());
+    cv::VideoCapture cap(cam.url());
+    ASSERT_TRUE(cap.isOpened());
+
+    // The first frames come out of the buffer FFmpeg filled while probing;
+    // later reads wait for the camera and see fresh frames.
+    constexpr int kFrames = 40;
+    std::vector<int64_t> stamps, ages;
+    cv::Mat frame;
+    while (static_cast<int>(stamps.size()) < kFrames && cap.read(frame)) {
+        ASSERT_EQ(frame.size(), cv::Size(1920, 1080));
+        const int64_t now = unixMicros();
+        std::optional<int64_t> t = readStamp(frame, now);
+        ASSERT_TRUE(t.has_value()) << "frame " << stamps.size() << " carries no readable stamp";
+        stamps.push_back(*t);
+        ages.push_back(now - *t);
+    }
+    ASSERT_EQ(static_cast<int>(stamps.size()), kFrames);
+    for (size_t i = 1; i < stamps.size(); ++i) EXPECT_GT(stamps[i], stamps[i - 1]) << "frame " << i;
+    const double meanInterval = double(stamps.back() - stamps.front()) / (kFrames - 1);
+    EXPECT_GT(meanInterval, 25000.0);
+    EXPECT_LT(meanInterval, 45000.0);
+
+    std::vector<int64_t> late(ages.end() - 10, ages.end());
+    EXPECT_GE(*std::min_element(late.begin(), late.end()), 0) << "a stamp lies in the future";
+    std::nth_element(late.begin(), late.begin() + 5, late.end());
+    EXPECT_LT(late[5], 400000) << "median age of the last frames, microseconds";
+}
+
+TEST(TestCameraTest, PictureCarriesNoStampByDefault) {
+    TestCamera cam(0, "1280x720", 30);
+    ASSERT_TRUE(cam.start());
+    cv::VideoCapture cap(cam.url());
+    ASSERT_TRUE(cap.isOpened());
+    cv::Mat frame;
+    int read = 0;
+    for (; read < 10 && cap.read(frame); ++read) {
+        EXPECT_FALSE(readStamp(frame, unixMicros()).has_value()) << "frame " << read;
+    }
+    EXPECT_EQ(read, 10);
 }
 
 TEST(TestCameraTest, ServesSeveralClientsAtOnce) {
