@@ -266,6 +266,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "test-camera: cannot listen on 127.0.0.1:%d: %s\n", opt.port,
                      err ? err->message : "unknown error");
         g_clear_error(&err);
+        g_object_unref(server);
+        g_main_loop_unref(loop);
         return 1;
     }
     g_source_attach(listen, nullptr);

@@ -31,6 +31,19 @@ inline constexpr const char* kOverlayPath = "/tmp/overlays.json";
 
 using testutil::freeLoopbackPort;
 
+// The stream response header, byte for byte, written out independently of
+// the server's own copy.
+inline const std::string kStreamHeader =
+    "HTTP/1.0 200 OK\r\n"
+    "Accept-Range: bytes\r\n"
+    "Connection: close\r\n"
+    "Max-Age: 0\r\n"
+    "Expires: 0\r\n"
+    "Cache-Control: no-cache, private\r\n"
+    "Pragma: no-cache\r\n"
+    "Content-Type: multipart/x-mixed-replace;boundary=frame\r\n"
+    "\r\n";
+
 inline std::vector<std::string> logMessages() { return testutil::logMessages(kLogPath); }
 
 inline bool logContains(const std::string& message) {

@@ -22,16 +22,7 @@ using namespace std::chrono_literals;
 using e2e::RawClient;
 using e2e::ServerProcess;
 
-const std::string kStreamHeader =
-    "HTTP/1.0 200 OK\r\n"
-    "Accept-Range: bytes\r\n"
-    "Connection: close\r\n"
-    "Max-Age: 0\r\n"
-    "Expires: 0\r\n"
-    "Cache-Control: no-cache, private\r\n"
-    "Pragma: no-cache\r\n"
-    "Content-Type: multipart/x-mixed-replace;boundary=frame\r\n"
-    "\r\n";
+using e2e::kStreamHeader;
 
 cv::Mat decodeJpeg(const std::string& bytes) {
     return cv::imdecode(std::vector<uchar>(bytes.begin(), bytes.end()), cv::IMREAD_UNCHANGED);
