@@ -83,6 +83,7 @@ bool Camera::getImage(std::string& jpeg) {
         if (i != -1) {
             ring.servingIndex = i;
             jpeg = composer.composeFrame(ring.slot(i));
+            ring.slotDone();
             return true;
         }
         ring.servingIndex = -1;

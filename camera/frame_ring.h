@@ -10,6 +10,7 @@
 #include <opencv2/core.hpp>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -30,8 +31,13 @@ public:
     FrameRing(const FrameRing&) = delete;
     FrameRing& operator=(const FrameRing&) = delete;
 
-    // Producer: the slot the next frame is decoded into.
-    cv::Mat& writeSlot() { return frames[writeIndex]; }
+    // Producer: the slot the next frame is decoded into. Acquires what the
+    // consumer published with slotDone(), so its last writes to this slot
+    // (the in-place composition) happen before the producer's.
+    cv::Mat& writeSlot() {
+        (void)consumerDone.load(std::memory_order_acquire);
+        return frames[writeIndex];
+    }
     // Producer: publishes writeSlot() and moves on; records a commit stamp.
     void commitFrame() EXCLUDES(ringMutex, rateMutex);
 
@@ -42,6 +48,10 @@ public:
     // and forgets it, so a take finds something only after a new commit.
     int takeAndClear() EXCLUDES(ringMutex, rateMutex);
     cv::Mat& slot(int i) { return frames[i]; }
+    // Consumer: done with the slot it took last. The producer rewrites that
+    // slot only 59 commits later; this release orders the two even when the
+    // consumer takes nothing in between.
+    void slotDone() { consumerDone.fetch_add(1, std::memory_order_release); }
 
     // Empties both stamp histories; indices, slots and rates stay. Call only
     // while no producer runs.
@@ -72,4 +82,5 @@ private:
     double dequeueRateValue GUARDED_BY(rateMutex) = 0.0;
     double queueRateValue GUARDED_BY(rateMutex) = 0.0;
     Clock clock;
+    std::atomic<uint32_t> consumerDone{0};
 };

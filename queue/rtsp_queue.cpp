@@ -121,6 +121,7 @@ bool rtspQueue::getImage(std::string& jpeg) {
         if (i != -1) {
             ring.servingIndex = i;
             jpeg = composer.composeFrame(ring.slot(i), jpegBuffer);
+            ring.slotDone();
             return true;
         }
         ring.servingIndex = -1;
