@@ -79,7 +79,10 @@ int unreadBytes(int fd) {
 void waitQueued(int fd, int count) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (unreadBytes(fd) != count) {
-        if (std::chrono::steady_clock::now() > deadline) fail("the bytes did not arrive");
+        if (std::chrono::steady_clock::now() > deadline) {
+            std::fprintf(stderr, "fuzz_request: %d of %d bytes queued\n", unreadBytes(fd), count);
+            fail("the bytes did not arrive");
+        }
         pollfd p{fd, POLLIN, 0};
         poll(&p, 1, 1);
     }
@@ -116,8 +119,18 @@ std::string receive(int fd, size_t want, bool toEnd, bool& eof) {
     }
 }
 
+uint16_t socketPort(int fd, bool peer) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    const int rc = peer ? getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length)
+                        : getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return rc == 0 ? ntohs(address.sin_port) : 0;
+}
+
 // A few tries: a loaded machine can be short of ephemeral ports for a
-// moment. That is the harness's trouble, not the server's.
+// moment. That is the harness's trouble, not the server's. A try that fails
+// late (libFuzzer's timer signal interrupts connect) can still leave a
+// connection in the server's queue; the caller tells ours by its port.
 int connectClient(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -127,6 +140,7 @@ int connectClient(int port) {
         const int fd = socket(AF_INET, SOCK_STREAM, 0);
         if (fd < 0) failCall("socket");
         if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+        std::fprintf(stderr, "fuzz_request: connect: %s, trying again\n", std::strerror(errno));
         close(fd);
         poll(nullptr, 0, 20);
     }
@@ -158,7 +172,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int fd = connectClient(g_server->boundPort());
-    pumpUntil([] { return g_server->clientList().size() == 1; });
+    // Ours, alone: a stray connection from a failed try ends and is removed.
+    const uint16_t ourPort = socketPort(fd, false);
+    pumpUntil([ourPort] {
+        const auto& clients = g_server->clientList();
+        return clients.size() == 1 && socketPort(clients.front()->fd, true) == ourPort;
+    });
     const Client* client = g_server->clientList().front();
     const int serverFd = client->fd;
     // Nagle's algorithm on either end would hold a small send back until the
