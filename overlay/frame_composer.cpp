@@ -83,41 +83,96 @@ void FrameComposer::applyOverlays(cv::Mat& frame) {
     int length = 0;
     if (!overlayFile.refreshOverlays(array, length)) return;
 
-    frame.copyTo(overlayCanvas);
+    // First the texts and where they go, so that only the areas they cover
+    // need copying and blending: the rest of the frame would come out of a
+    // whole-frame blend exactly as it went in (both inputs equal there).
+    pending.clear();
     const int count = std::min(length, kMaxOverlaysPerFrame);
     for (int i = 0; i < count; ++i) {
         Overlay overlay;
         if (!overlayFile.readOverlay(json_object_array_get_idx(array, i), overlay)) continue;
         const char* type = overlay.type;
+        char text[kTimeTextBytes];
+        const char* line = nullptr;
         if (strcasecmp(type, "date") == 0 || strcasecmp(type, "time") == 0) {
-            drawTimeText(overlay.value, overlay.x, overlay.y);
+            if (formatTimeText(overlay.value, text)) line = text;
         } else if (strcasecmp(type, "text") == 0) {
-            drawTextBox(overlay.value, overlay.x, overlay.y);
+            line = overlay.value;
         } else if (strcasecmp(type, "image") == 0) {
             drawImage(overlay.value);
         } else if (strcasecmp(type, "queue_rate") == 0) {
-            drawRateText(overlay.value, &RateSource::queueRate, overlay.x, overlay.y);
+            if (formatRateText(overlay.value, &RateSource::queueRate, text)) line = text;
         } else if (strcasecmp(type, "dequeue_rate") == 0) {
-            drawRateText(overlay.value, &RateSource::dequeueRate, overlay.x, overlay.y);
+            if (formatRateText(overlay.value, &RateSource::dequeueRate, text)) line = text;
+        }
+        if (line != nullptr) pending.push_back({std::string(line, strnlen(line, kMaxTextBytes)), overlay.x, overlay.y});
+    }
+
+    const cv::Rect whole(0, 0, frame.cols, frame.rows);
+    dirty.clear();
+    for (const PendingText& p : pending) {
+        const cv::Rect area = textArea(p.line, p.x, p.y) & whole;
+        if (!area.empty()) dirty.push_back(area);
+    }
+    mergeOverlapping(dirty);
+
+    // Drawing happens in array order on the canvas, as one picture; each
+    // area is blended once, so overlapping boxes darken the picture once.
+    overlayCanvas.create(frame.size(), frame.type());
+    for (const cv::Rect& area : dirty) frame(area).copyTo(overlayCanvas(area));
+    for (const PendingText& p : pending) drawTextBox(p.line.c_str(), p.x, p.y);
+    for (const cv::Rect& area : dirty) {
+        cv::Mat target = frame(area);
+        cv::addWeighted(overlayCanvas(area), 0.5, target, 0.5, 0.0, target, -1);
+    }
+}
+
+bool FrameComposer::textGeometry(const std::string& line, double x, double y, cv::Point& origin,
+                                 cv::Size& size) {
+    if (!std::isfinite(x) || !std::isfinite(y)) return false;
+    x = std::clamp(x, -kFarAway, kFarAway);
+    y = std::clamp(y, -kFarAway, kFarAway);
+    int baseline = 0;
+    size = cv::getTextSize(line, kFont, kFontScale, kTextThickness, &baseline);
+    // Integer halves first, then double arithmetic, truncated toward zero:
+    // the text's centre falls on (x, y).
+    origin = cv::Point(static_cast<int>(x - (size.width / 2)), static_cast<int>((size.height / 2) + y));
+    return true;
+}
+
+cv::Rect FrameComposer::textArea(const std::string& line, double x, double y) {
+    cv::Point origin;
+    cv::Size size;
+    if (!textGeometry(line, x, y, origin, size)) return cv::Rect();
+    // The box, widened by a full text height on every side: glyphs reach
+    // past the box below the baseline (descenders), above the measured
+    // height (brackets, accents) and by a pixel of anti-aliasing sideways.
+    const int reach = size.height + 2;
+    return cv::Rect(cv::Point(origin.x - kBoxMarginLeft - reach, origin.y - size.height - kBoxMarginAbove - reach),
+                    cv::Point(origin.x + size.width + kBoxMarginRight + reach + 1,
+                              origin.y + kBoxMarginBelow + reach + 1));
+}
+
+void FrameComposer::mergeOverlapping(std::vector<cv::Rect>& areas) {
+    for (bool merged = true; merged;) {
+        merged = false;
+        for (size_t i = 0; i < areas.size() && !merged; ++i) {
+            for (size_t j = i + 1; j < areas.size(); ++j) {
+                if ((areas[i] & areas[j]).empty()) continue;
+                areas[i] |= areas[j];
+                areas.erase(areas.begin() + static_cast<std::ptrdiff_t>(j));
+                merged = true;
+                break;
+            }
         }
     }
-    // Untouched pixels hold the same value in both inputs and come out as
-    // they were.
-    cv::addWeighted(overlayCanvas, 0.5, frame, 0.5, 0.0, frame, -1);
 }
 
 void FrameComposer::drawTextBox(const char* text, double x, double y) {
-    if (!std::isfinite(x) || !std::isfinite(y)) return;
-    x = std::clamp(x, -kFarAway, kFarAway);
-    y = std::clamp(y, -kFarAway, kFarAway);
     const std::string line(text, strnlen(text, kMaxTextBytes));
-
-    int baseline = 0;
-    const cv::Size size = cv::getTextSize(line, kFont, kFontScale, kTextThickness, &baseline);
-    // Integer halves first, then double arithmetic, truncated toward zero:
-    // the text's centre falls on (x, y).
-    const cv::Point origin(static_cast<int>(x - (size.width / 2)),
-                           static_cast<int>((size.height / 2) + y));
+    cv::Point origin;
+    cv::Size size;
+    if (!textGeometry(line, x, y, origin, size)) return;
     cv::rectangle(overlayCanvas,
                   cv::Point(origin.x - kBoxMarginLeft, origin.y + kBoxMarginBelow),
                   cv::Point(origin.x + size.width + kBoxMarginRight,
@@ -127,30 +182,37 @@ void FrameComposer::drawTextBox(const char* text, double x, double y) {
                 kTextThickness, cv::LINE_AA, false);
 }
 
-void FrameComposer::drawTimeText(const char* format, double x, double y) {
-    if (strnlen(format, kMaxTextBytes + 1) > kMaxTextBytes) return;
+bool FrameComposer::formatTimeText(const char* format, char (&text)[kTimeTextBytes]) {
+    if (strnlen(format, kMaxTextBytes + 1) > kMaxTextBytes) return false;
     // localtime() re-reads the time zone on every call; localtime_r() need
     // not, so do it here to follow TZ the same way.
     tzset();
     const time_t now = time(nullptr);
     struct tm local;
-    if (localtime_r(&now, &local) == nullptr) return;
-    char text[kTimeTextBytes];
+    if (localtime_r(&now, &local) == nullptr) return false;
     // 0 means too long or empty; the buffer's content is then undefined.
-    if (strftime(text, sizeof text, format, &local) == 0) return;
-    drawTextBox(text, x, y);
+    return strftime(text, sizeof text, format, &local) != 0;
+}
+
+bool FrameComposer::formatRateText(const char* format, double (RateSource::*rate)() const,
+                                   char (&text)[kTimeTextBytes]) const {
+    if (!isSafeRateFormat(format)) return false;
+    const double value = (rates.*rate)();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    return std::snprintf(text, kRateTextBytes, format, value) >= 0;
+#pragma GCC diagnostic pop
+}
+
+void FrameComposer::drawTimeText(const char* format, double x, double y) {
+    char text[kTimeTextBytes];
+    if (formatTimeText(format, text)) drawTextBox(text, x, y);
 }
 
 void FrameComposer::drawRateText(const char* format, double (RateSource::*rate)() const, double x,
                                  double y) {
-    if (!isSafeRateFormat(format)) return;
-    const double value = (rates.*rate)();
-    char text[kRateTextBytes];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    if (std::snprintf(text, sizeof text, format, value) < 0) return;
-#pragma GCC diagnostic pop
-    drawTextBox(text, x, y);
+    char text[kTimeTextBytes];
+    if (formatRateText(format, rate, text)) drawTextBox(text, x, y);
 }
 
 void FrameComposer::drawImage(const char* path) { (void)path; }

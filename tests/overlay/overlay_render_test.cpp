@@ -240,6 +240,60 @@ TEST_F(OverlayRenderTest, DateFollowsLocalTime) {
               0);
 }
 
+// The composer copies and blends only around the boxes. Whatever it skips
+// must be what a whole-frame pass leaves unchanged: the result is compared
+// with one, on a noisy picture, with boxes that overlap, hang off every edge,
+// and hold glyphs that reach past the box, twice with the same composer so
+// that the canvas still holds the first frame's drawing.
+TEST(OverlayBlend, SameAsCopyingAndBlendingTheWholeFrame) {
+    struct Text {
+        std::string line;
+        double x, y;  // percent
+    };
+    auto wholeFramePass = [](const cv::Mat& background, const std::vector<Text>& texts) {
+        cv::Mat frame = background.clone(), canvas = background.clone();
+        for (const Text& t : texts) {
+            int baseline = 0;
+            const cv::Size size = cv::getTextSize(t.line, cv::FONT_HERSHEY_DUPLEX, 1.0, 1, &baseline);
+            const cv::Point origin(static_cast<int>(t.x * 12.8 - size.width / 2),
+                                   static_cast<int>(size.height / 2 + t.y * 7.2));
+            cv::rectangle(canvas, cv::Point(origin.x - 4, origin.y + 7),
+                          cv::Point(origin.x + size.width + 4, origin.y - size.height - 4),
+                          cv::Scalar::all(0), cv::FILLED, cv::LINE_8);
+            cv::putText(canvas, t.line, origin, cv::FONT_HERSHEY_DUPLEX, 1.0,
+                        cv::Scalar::all(255), 1, cv::LINE_AA);
+        }
+        cv::addWeighted(canvas, 0.5, frame, 0.5, 0.0, frame);
+        return frame;
+    };
+    const std::string reaching = "gjpqy|()[]{}_@^`~";
+    const std::vector<std::vector<Text>> passes = {
+        {{"WWWWWWWWWW", 50, 50}, {reaching, 52, 53}, {"corner", 0, 0}, {reaching, 100, 100},
+         {"top", 30, -1}, {"left", -2, 40}, {std::string(200, 'M'), 50, 80}, {"far", 5000, 50}},
+        {{reaching, 20, 20}, {"edge", 99, 2}, {"overlap A", 60, 60}, {"overlap B", 62, 61}},
+    };
+
+    FakeRates rates;
+    testutil::TempDir dir;
+    const std::string path = dir.file("overlays.json");
+    FrameComposer composer(rates, path);
+    cv::RNG rng(7);
+    for (size_t pass = 0; pass < passes.size(); ++pass) {
+        std::vector<std::string> elements;
+        for (const Text& t : passes[pass]) elements.push_back(element("text", t.line, t.x, t.y));
+        writeFile(path, document(elements), static_cast<time_t>(1000 + pass));
+        cv::Mat background(720, 1280, CV_8UC3);
+        rng.fill(background, cv::RNG::UNIFORM, 0, 256);
+
+        cv::Mat frame = background.clone();
+        CaptureStdout();
+        composer.applyOverlays(frame);
+        GetCapturedStdout();
+        EXPECT_EQ(differingPixels(frame, wholeFramePass(background, passes[pass])), 0) << "pass " << pass;
+        EXPECT_GT(differingPixels(frame, background), 0) << "pass " << pass;
+    }
+}
+
 TEST(RateFormat, OnlyLiteralTextAndOneFloatingConversionPass) {
     const char* accepted[] = {"%f",     "%.1f fps", "%-+ #012.3e", "%79.79g", "%%%a%%",
                               "%lf",    "%.f",      "x%Gy",        "%E",      "%F %%"};
