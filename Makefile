@@ -46,8 +46,13 @@ soak: build
 demo: build
 	scripts/demo $(BUILD_DIR)
 
+# Micro-benchmarks, then the commit-to-socket delay with ten clients for a
+# 1080p and a 720p camera.
 bench: build
 	$(BUILD_DIR)/bench-compose
+	$(BUILD_DIR)/bench-ring
+	$(BUILD_DIR)/bench-delivery --size 1920x1080 --clients 10
+	$(BUILD_DIR)/bench-delivery --size 1280x720 --clients 10
 
 # Server against ffmpeg, end to end (needs root: runs in private namespaces).
 bench-e2e: build

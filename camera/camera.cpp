@@ -1,5 +1,6 @@
 #include "camera.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "probe.h"
@@ -78,7 +79,12 @@ void Camera::readLoop() {
 }
 
 bool Camera::getImage(std::string& jpeg) {
-    for (int poll = 1; poll <= kImagePolls; ++poll) {
+    // As long as kImagePolls polls one loop period apart, but woken by the
+    // commit itself instead of by a timer every period: a frame is taken
+    // the moment it is committed, and an idle wait costs no wake-ups.
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::microseconds(kImagePolls * g_loopPeriod);
+    for (;;) {
         const int i = ring.takeNewest();
         if (i != -1) {
             ring.servingIndex = i;
@@ -87,7 +93,9 @@ bool Camera::getImage(std::string& jpeg) {
             return true;
         }
         ring.servingIndex = -1;
-        sleepLoopPeriod();
+        const auto left = deadline - std::chrono::steady_clock::now();
+        if (left <= std::chrono::steady_clock::duration::zero()) break;
+        ring.waitForNew(std::chrono::ceil<std::chrono::microseconds>(left).count());
     }
     logEvent(g_log, "getImage timeout");
     return false;

@@ -32,9 +32,10 @@ public:
     // sleeps one second before returning false.
     bool ensureOpen();
 
-    // Waits, polling the ring every loop period, for a frame newer than the
-    // last one served; composes and encodes it into `jpeg`. False after 1000
-    // empty polls ("getImage timeout"), leaving `jpeg` unchanged.
+    // Waits for a frame newer than the last one served, woken by its
+    // commit; composes and encodes it into `jpeg`. False after waiting as
+    // long as 1000 polls one loop period apart would ("getImage timeout"),
+    // leaving `jpeg` unchanged.
     bool getImage(std::string& jpeg);
 
     // Joins the read thread and releases the stream; nothing when closed.

@@ -1,5 +1,6 @@
 #include "frame_ring.h"
 
+#include <algorithm>
 #include <chrono>
 
 int64_t FrameRing::systemClockNanos() {
@@ -11,12 +12,26 @@ int64_t FrameRing::systemClockNanos() {
 FrameRing::FrameRing(Clock clock) : clock(clock) {}
 
 void FrameRing::commitFrame() {
+    const int64_t now = clock();
     {
         std::lock_guard<std::mutex> lock(ringMutex);
+        commitStamps[writeIndex] = now;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
     }
-    recordRate(queueStamps, queueRateValue);
+    committed.notify_one();
+    recordRate(queueStamps, queueRateValue, now);
+}
+
+bool FrameRing::waitForNew(int64_t micros) {
+    std::unique_lock<std::mutex> lock(ringMutex);
+    return committed.wait_for(lock, std::chrono::microseconds(std::max<int64_t>(micros, 0)),
+                              [this] { return lastWritten != lastServed; });
+}
+
+int64_t FrameRing::commitStamp(int i) const {
+    std::lock_guard<std::mutex> lock(ringMutex);
+    return commitStamps[i];
 }
 
 int FrameRing::takeNewest() {
@@ -28,7 +43,7 @@ int FrameRing::takeNewest() {
         lastServed = i;
     }
     if (i == -1) return -1;
-    recordRate(dequeueStamps, dequeueRateValue);
+    recordRate(dequeueStamps, dequeueRateValue, clock());
     return i;
 }
 
@@ -39,7 +54,7 @@ int FrameRing::takeAndClear() {
         i = lastWritten;
         lastWritten = -1;
     }
-    if (i != -1) recordRate(dequeueStamps, dequeueRateValue);
+    if (i != -1) recordRate(dequeueStamps, dequeueRateValue, clock());
     return i;
 }
 
@@ -66,9 +81,9 @@ int32_t FrameRing::lastWrittenValue() const {
 // Intervals per second over the last up to 120 intervals. Same clock
 // readings give an infinite rate, a clock stepped back a negative one; both
 // are stored as computed and replaced by later stamps.
-void FrameRing::recordRate(std::deque<int64_t>& history, double& rate) {
+void FrameRing::recordRate(std::deque<int64_t>& history, double& rate, int64_t stamp) {
     if (history.size() > kMaxStamps - 1) history.pop_front();
-    history.push_back(clock());
+    history.push_back(stamp);
     const size_t n = history.size();
     if (n < 2) return;
     const int64_t span = history.back() - history.front();

@@ -1,6 +1,7 @@
 // The hand-off between the read thread (one producer) and the main thread
 // (one consumer): 60 preallocated frame slots, newest-wins, plus two rate
-// meters. Nothing blocks: the producer never waits, the consumer polls.
+// meters. The producer never waits; the consumer polls, and may wait up to
+// one poll period for a commit instead of sleeping it out (waitForNew).
 //
 // Slots are not locked. A slot handed out by takeNewest() is written again
 // only after 59 further commits, so the consumer must be done with it within
@@ -11,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -38,8 +40,19 @@ public:
         (void)consumerDone.load(std::memory_order_acquire);
         return frames[writeIndex];
     }
-    // Producer: publishes writeSlot() and moves on; records a commit stamp.
+    // Producer: publishes writeSlot() and moves on; records a commit stamp
+    // and wakes a consumer in waitForNew().
     void commitFrame() EXCLUDES(ringMutex, rateMutex);
+
+    // Consumer: returns as soon as takeNewest() would hand out a slot, or
+    // after `micros` microseconds. True if a slot is ready.
+    bool waitForNew(int64_t micros) EXCLUDES(ringMutex);
+    // When slot i was last committed (clock nanoseconds), for measuring how
+    // long a frame takes from its commit to the clients.
+    int64_t commitStamp(int i) const EXCLUDES(ringMutex);
+    // Consumer-only: when the last slot was handed out (clock nanoseconds),
+    // 0 before the first take or after resetStamps().
+    int64_t lastTakeStamp() const { return dequeueStamps.empty() ? 0 : dequeueStamps.back(); }
 
     // Consumer: the newest committed slot if it is not the one handed out
     // last, else -1. Records a take stamp when it hands one out.
@@ -69,12 +82,15 @@ public:
     int32_t servingIndex = -1;
 
 private:
-    void recordRate(std::deque<int64_t>& history, double& rate) EXCLUDES(ringMutex, rateMutex);
+    void recordRate(std::deque<int64_t>& history, double& rate, int64_t stamp)
+        EXCLUDES(ringMutex, rateMutex);
 
     std::array<cv::Mat, kSlots> frames;
     int32_t writeIndex = 0;  // written by the producer only (under ringMutex)
     int32_t lastWritten GUARDED_BY(ringMutex) = -1;
     int32_t lastServed GUARDED_BY(ringMutex) = -1;
+    std::array<int64_t, kSlots> commitStamps GUARDED_BY(ringMutex){};
+    std::condition_variable committed;
     std::deque<int64_t> queueStamps;    // producer's
     std::deque<int64_t> dequeueStamps;  // consumer's
     mutable std::mutex ringMutex;

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 namespace {
 
@@ -80,6 +82,32 @@ TEST_F(RingTest, TakeAndClearHandsEachCommitOutOnceEvenAfterSixty) {
     EXPECT_EQ(ring.takeAndClear(), -1);
     for (int n = 0; n < 60; ++n) commit(ring, 0);
     EXPECT_EQ(ring.takeAndClear(), 0);
+}
+
+// The consumer's wait ends at a commit of a slot it has not taken, and only
+// then; each slot remembers when it was committed.
+TEST_F(RingTest, WaitEndsAtACommitAndSlotsKeepTheirCommitStamps) {
+    FrameRing ring(&fakeClock);
+    EXPECT_FALSE(ring.waitForNew(1000));
+    commit(ring, 1);
+    EXPECT_TRUE(ring.waitForNew(0));
+    ASSERT_EQ(ring.takeNewest(), 0);
+    EXPECT_FALSE(ring.waitForNew(1000));  // taken already: nothing new
+
+    // A producer that commits while the consumer waits: the wait returns
+    // true long before its ten-minute limit.
+    std::thread producer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        commit(ring, 2);
+    });
+    EXPECT_TRUE(ring.waitForNew(600'000'000));
+    producer.join();
+    EXPECT_EQ(ring.takeNewest(), 1);
+
+    g_fakeNow += 5'000;
+    commit(ring, 3);
+    EXPECT_EQ(ring.commitStamp(0), 1'000'000'000'000);
+    EXPECT_EQ(ring.commitStamp(2), 1'000'000'005'000);
 }
 
 TEST_F(RingTest, RatesFromKnownStampSpacing) {
