@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "../../bench/mjpeg_parts.h"
 #include "e2e_util.h"
 
 namespace {
@@ -35,7 +36,6 @@ using e2e::RawClient;
 using e2e::ServerProcess;
 
 using e2e::kStreamHeader;
-const std::string kPartPrefix = "--frame\r\nContent-Type: image/jpg\r\nContent-Length: ";
 const std::string kStreamRequest = "GET / HTTP/1.1\r\nHost: cam\r\n\r\n";
 const std::string kSnapshotRequest = "GET /?frame_id=1 HTTP/1.1\r\nHost: cam\r\n\r\n";
 
@@ -55,62 +55,38 @@ cv::Size jpegSize(const std::string& bytes) {
     return m.size();
 }
 
-// Checks an MJPEG stream as it arrives: the stream header once, then parts
-// back to back, each a whole JPEG of exactly its Content-Length.
+// Checks an MJPEG stream as it arrives with the benchmark reader's strict
+// parser: the stream header once, then parts back to back, each a whole
+// JPEG of exactly its Content-Length.
 class StreamChecker {
 public:
     // Consumes `data`; false (with error()) once the stream is malformed.
     bool feed(const char* data, size_t n) {
-        if (!error_.empty()) return false;
-        pending_.append(data, n);
-        if (!headerSeen_) {
-            if (pending_.size() < kStreamHeader.size()) return true;
-            if (pending_.compare(0, kStreamHeader.size(), kStreamHeader) != 0) return fail("bad stream header");
-            pending_.erase(0, kStreamHeader.size());
-            headerSeen_ = true;
-        }
+        parser_.append(std::string_view(data, n));
+        std::string_view jpeg;
+        size_t partBytes = 0;
         for (;;) {
-            const size_t common = std::min(pending_.size(), kPartPrefix.size());
-            if (pending_.compare(0, common, kPartPrefix, 0, common) != 0) return fail("bad part prefix");
-            if (pending_.size() <= kPartPrefix.size()) return true;
-            const size_t end = pending_.find("\r\n\r\n", kPartPrefix.size());
-            if (end == std::string::npos) {
-                if (pending_.size() > kPartPrefix.size() + 24) return fail("Content-Length without end");
-                return true;
+            switch (parser_.next(jpeg, partBytes)) {
+                case PartParser::Result::part:
+                    lastJpeg_.assign(jpeg);
+                    break;
+                case PartParser::Result::needMore:
+                    return true;
+                case PartParser::Result::error:
+                    return false;
             }
-            const std::string digits = pending_.substr(kPartPrefix.size(), end - kPartPrefix.size());
-            if (digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos ||
-                (digits.size() > 1 && digits[0] == '0')) {
-                return fail("bad Content-Length '" + digits + "'");
-            }
-            const size_t length = std::stoul(digits);
-            const size_t start = end + 4;
-            if (pending_.size() < start + length) return true;
-            std::string jpeg = pending_.substr(start, length);
-            pending_.erase(0, start + length);
-            if (!isWholeJpeg(jpeg)) return fail("part is not a whole JPEG");
-            lastJpeg_ = std::move(jpeg);
-            ++parts_;
         }
     }
 
-    bool headerSeen() const { return headerSeen_; }
-    int parts() const { return parts_; }
+    bool headerSeen() const { return parser_.headerDone(); }
+    int parts() const { return static_cast<int>(parser_.parts()); }
     // Bytes of a part that has begun but not ended.
-    size_t partial() const { return pending_.size(); }
-    const std::string& error() const { return error_; }
+    size_t partial() const { return parser_.pending(); }
+    const std::string& error() const { return parser_.error(); }
     const std::string& lastJpeg() const { return lastJpeg_; }
 
 private:
-    bool fail(const std::string& why) {
-        error_ = why + " after " + std::to_string(parts_) + " parts";
-        return false;
-    }
-
-    std::string pending_;
-    bool headerSeen_ = false;
-    int parts_ = 0;
-    std::string error_;
+    PartParser parser_{StreamFormat::server};
     std::string lastJpeg_;
 };
 
