@@ -46,7 +46,8 @@ struct Options {
 };
 
 [[noreturn]] void usage() {
-    std::fprintf(stderr, "usage: bench-delivery [--size WxH] [--clients N] [--seconds S] [--overlays]\n");
+    std::fprintf(stderr,
+                 "usage: bench-delivery [--size WxH] [--clients N] [--seconds S] [--overlays]\n");
     std::exit(2);
 }
 
@@ -194,8 +195,8 @@ int main(int argc, char** argv) {
     std::filesystem::remove_all(dir);
 
     std::printf("camera %s, %d stream clients, %s, %ld frames in %d s, %.1f MB read\n",
-                options.size.c_str(), options.clients, options.overlays ? "four overlays" : "no overlays",
-                framesServed, options.seconds, static_cast<double>(bytes.load()) / 1e6);
+                options.size.c_str(), options.clients,
+                options.overlays ? "four overlays" : "no overlays", framesServed, options.seconds, static_cast<double>(bytes.load()) / 1e6);
     std::printf("%-8s %8s %8s %8s  (ms)\n", "stage", "median", "p99", "max");
     const std::pair<const char*, const std::vector<double>*> rows[] = {
         {"wait", &wait}, {"compose", &compose}, {"send", &send}, {"total", &total}};

@@ -49,7 +49,8 @@ void BM_ConsumerAt30fps(benchmark::State& state) {
         for (int taken = 0; taken < kFrames;) {
             const int i = ring.takeNewest();
             if (i != -1) {
-                lateMs.push_back(static_cast<double>(ring.lastTakeStamp() - ring.commitStamp(i)) * 1e-6);
+                const int64_t late = ring.lastTakeStamp() - ring.commitStamp(i);
+                lateMs.push_back(static_cast<double>(late) * 1e-6);
                 ring.slotDone();
                 ++taken;
             } else if (waitForCommit) {

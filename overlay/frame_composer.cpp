@@ -105,7 +105,8 @@ void FrameComposer::applyOverlays(cv::Mat& frame) {
         } else if (strcasecmp(type, "dequeue_rate") == 0) {
             if (formatRateText(overlay.value, &RateSource::dequeueRate, text)) line = text;
         }
-        if (line != nullptr) pending.push_back({std::string(line, strnlen(line, kMaxTextBytes)), overlay.x, overlay.y});
+        if (line == nullptr) continue;
+        pending.push_back({std::string(line, strnlen(line, kMaxTextBytes)), overlay.x, overlay.y});
     }
 
     const cv::Rect whole(0, 0, frame.cols, frame.rows);
@@ -136,7 +137,8 @@ bool FrameComposer::textGeometry(const std::string& line, double x, double y, cv
     size = cv::getTextSize(line, kFont, kFontScale, kTextThickness, &baseline);
     // Integer halves first, then double arithmetic, truncated toward zero:
     // the text's centre falls on (x, y).
-    origin = cv::Point(static_cast<int>(x - (size.width / 2)), static_cast<int>((size.height / 2) + y));
+    origin = cv::Point(static_cast<int>(x - (size.width / 2)),
+                       static_cast<int>((size.height / 2) + y));
     return true;
 }
 
@@ -148,9 +150,11 @@ cv::Rect FrameComposer::textArea(const std::string& line, double x, double y) {
     // past the box below the baseline (descenders), above the measured
     // height (brackets, accents) and by a pixel of anti-aliasing sideways.
     const int reach = size.height + 2;
-    return cv::Rect(cv::Point(origin.x - kBoxMarginLeft - reach, origin.y - size.height - kBoxMarginAbove - reach),
-                    cv::Point(origin.x + size.width + kBoxMarginRight + reach + 1,
-                              origin.y + kBoxMarginBelow + reach + 1));
+    const cv::Point topLeft(origin.x - kBoxMarginLeft - reach,
+                            origin.y - size.height - kBoxMarginAbove - reach);
+    const cv::Point pastBottomRight(origin.x + size.width + kBoxMarginRight + reach + 1,
+                                    origin.y + kBoxMarginBelow + reach + 1);
+    return cv::Rect(topLeft, pastBottomRight);
 }
 
 void FrameComposer::mergeOverlapping(std::vector<cv::Rect>& areas) {
