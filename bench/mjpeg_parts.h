@@ -46,6 +46,7 @@ public:
     void commit(std::size_t n) { end_ += n; }
 
     void append(std::string_view bytes) {
+        if (bytes.empty()) return;  // the buffer may not exist yet: no memcpy to null
         std::memcpy(space(bytes.size()), bytes.data(), bytes.size());
         commit(bytes.size());
     }

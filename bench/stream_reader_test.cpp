@@ -100,6 +100,7 @@ TEST(PartParserTest, SplitsFfmpegMultipartOutputInAnyPieces) {
 
 TEST(PartParserTest, PartIsCompleteWithItsLastJpegByte) {
     PartParser parser(StreamFormat::server);
+    parser.append("");  // a read of nothing, before any buffer exists
     const std::string part = serverPart(jpeg(1));
     parser.append(kServerHeader + part.substr(0, part.size() - 1));
     std::string_view payload;
