@@ -1,7 +1,7 @@
 // The hand-off between the read thread (one producer) and the main thread
 // (one consumer): 60 preallocated frame slots, newest-wins, plus two rate
-// meters. The producer never waits; the consumer polls, and may wait up to
-// one poll period for a commit instead of sleeping it out (waitForNew).
+// meters. The producer never waits; the consumer polls, and between polls
+// can wait for the next commit instead of sleeping (waitForNew).
 //
 // Slots are not locked. A slot handed out by takeNewest() is written again
 // only after 59 further commits, so the consumer must be done with it within
