@@ -106,13 +106,15 @@ void FrameComposer::applyOverlays(cv::Mat& frame) {
             if (formatRateText(overlay.value, &RateSource::dequeueRate, text)) line = text;
         }
         if (line == nullptr) continue;
-        pending.push_back({std::string(line, strnlen(line, kMaxTextBytes)), overlay.x, overlay.y});
+        PendingText p{std::string(line, strnlen(line, kMaxTextBytes)), {}, {}};
+        if (!textGeometry(p.line, overlay.x, overlay.y, p.origin, p.size)) continue;
+        pending.push_back(std::move(p));
     }
 
     const cv::Rect whole(0, 0, frame.cols, frame.rows);
     dirty.clear();
     for (const PendingText& p : pending) {
-        const cv::Rect area = textArea(p.line, p.x, p.y) & whole;
+        const cv::Rect area = textArea(p.origin, p.size) & whole;
         if (!area.empty()) dirty.push_back(area);
     }
     mergeOverlapping(dirty);
@@ -121,7 +123,7 @@ void FrameComposer::applyOverlays(cv::Mat& frame) {
     // area is blended once, so overlapping boxes darken the picture once.
     overlayCanvas.create(frame.size(), frame.type());
     for (const cv::Rect& area : dirty) frame(area).copyTo(overlayCanvas(area));
-    for (const PendingText& p : pending) drawTextBox(p.line.c_str(), p.x, p.y);
+    for (const PendingText& p : pending) drawBox(p.line, p.origin, p.size);
     for (const cv::Rect& area : dirty) {
         cv::Mat target = frame(area);
         cv::addWeighted(overlayCanvas(area), 0.5, target, 0.5, 0.0, target, -1);
@@ -142,10 +144,7 @@ bool FrameComposer::textGeometry(const std::string& line, double x, double y, cv
     return true;
 }
 
-cv::Rect FrameComposer::textArea(const std::string& line, double x, double y) {
-    cv::Point origin;
-    cv::Size size;
-    if (!textGeometry(line, x, y, origin, size)) return cv::Rect();
+cv::Rect FrameComposer::textArea(cv::Point origin, cv::Size size) {
     // The box, widened by a full text height on every side: glyphs reach
     // past the box below the baseline (descenders), above the measured
     // height (brackets, accents) and by a pixel of anti-aliasing sideways.
@@ -176,7 +175,10 @@ void FrameComposer::drawTextBox(const char* text, double x, double y) {
     const std::string line(text, strnlen(text, kMaxTextBytes));
     cv::Point origin;
     cv::Size size;
-    if (!textGeometry(line, x, y, origin, size)) return;
+    if (textGeometry(line, x, y, origin, size)) drawBox(line, origin, size);
+}
+
+void FrameComposer::drawBox(const std::string& line, cv::Point origin, cv::Size size) {
     cv::rectangle(overlayCanvas,
                   cv::Point(origin.x - kBoxMarginLeft, origin.y + kBoxMarginBelow),
                   cv::Point(origin.x + size.width + kBoxMarginRight,

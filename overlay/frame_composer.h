@@ -95,16 +95,19 @@ public:
     std::map<std::string, CachedImage> imageCache;
 
 private:
-    // One text of the pass in progress and its centre.
+    // One text of the pass in progress and where it goes.
     struct PendingText {
         std::string line;
-        double x, y;
+        cv::Point origin;
+        cv::Size size;
     };
     // Where the text goes: false for a centre that is not finite.
     static bool textGeometry(const std::string& line, double x, double y, cv::Point& origin,
                              cv::Size& size);
-    // Every pixel that drawing the text's box and text can touch.
-    static cv::Rect textArea(const std::string& line, double x, double y);
+    // Every pixel that drawing a text's box and text can touch.
+    static cv::Rect textArea(cv::Point origin, cv::Size size);
+    // The box and the text into overlayCanvas.
+    void drawBox(const std::string& line, cv::Point origin, cv::Size size);
     // Replaces overlapping areas by their bounding box until none overlap.
     static void mergeOverlapping(std::vector<cv::Rect>& areas);
     // The text of a date/time or rate overlay; false when it draws nothing.
