@@ -51,8 +51,6 @@ demo: build
 bench: build
 	$(BUILD_DIR)/bench-compose
 	$(BUILD_DIR)/bench-ring
-	$(BUILD_DIR)/bench-delivery --size 1920x1080 --clients 10
-	$(BUILD_DIR)/bench-delivery --size 1280x720 --clients 10
 
 # Server against ffmpeg, end to end (needs root: runs in private namespaces).
 bench-e2e: build

@@ -1,0 +1,158 @@
+// The real server with the real test camera, in the test's own mount and
+// network namespaces: real clients, signals, the control FIFO, the event log
+// and the fixed paths.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <opencv2/core/version.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <thread>
+
+#include "support.h"
+
+using namespace support;
+
+namespace {
+
+std::string shell(const std::string& command) {
+    std::string out;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[4096];
+        for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+        pclose(pipe);
+    }
+    return out;
+}
+
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(camera.start()); }
+    ServerProcess& startServer(std::vector<std::string> args = {}) {
+        if (args.empty()) args = {"-p", std::to_string(port), "-u", camera.url(), "-t", camera.testUrl()};
+        server = std::make_unique<ServerProcess>(args);
+        server->start();
+        return *server;
+    }
+    // True once a stream client has had a whole part.
+    bool streams() const {
+        LoopbackClient client(port);
+        client.sendText("GET / HTTP/1.1\r\n\r\n");
+        std::vector<std::string> jpegs;
+        return PartParser::split(client.readAtLeast(kStreamHeader.size() + 60'000, 15s), jpegs) && !jpegs.empty();
+    }
+    TestCamera camera;
+    int port = freeLoopbackPort();
+    std::unique_ptr<ServerProcess> server;
+    TempDir dir;
+};
+
+TEST_F(EndToEnd, RealClientsGetTheStream) {
+    startServer().waitUntilServing();
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/";
+    std::ofstream(dir.file("page.html")) << "<body style='margin:0'><img src='" << url << "'></body>";
+    const std::pair<std::string, std::string> cases[] = {
+        {"curl -sS --max-time 20 -o " + dir.file("curl.jpg") + " '" + url + "?frame_id=1'", "curl.jpg"},
+        {"timeout 60 ffmpeg -nostdin -loglevel error -f mjpeg -i " + url + " -frames:v 30 " + dir.file("ff%02d.jpg"),
+         "ff30.jpg"},
+        {"timeout 90 chromium --headless --no-sandbox --disable-gpu --no-first-run --user-data-dir=" +
+             dir.file("profile") + " --window-size=1280,720 --timeout=5000 --screenshot=" + dir.file("shot.png") +
+             " file://" + dir.file("page.html"),
+         "shot.png"},
+    };
+    for (const auto& [command, file] : cases) {
+        SCOPED_TRACE(command);
+        const std::string out = shell(command + " 2>&1");
+        const cv::Mat picture = cv::imread(dir.file(file));
+        ASSERT_EQ(picture.size(), cv::Size(1280, 720)) << out;
+        cv::Scalar mean, deviation;
+        cv::meanStdDev(picture, mean, deviation);
+        EXPECT_GT(deviation[0] + deviation[1] + deviation[2], 20.0);  // a picture, not a blank page
+    }
+}
+
+TEST_F(EndToEnd, SignalsStopTheServerInOrderAndTheLogTellsItsLife) {
+    for (const int sig : {SIGINT, SIGHUP}) {
+        SCOPED_TRACE(sig);
+        std::filesystem::remove(kLogPath);
+        mkfifo(kFifoPath, 0600);
+        startServer();
+        std::ifstream control(kFifoPath);  // the control service's end
+        std::string announcement;
+        std::getline(control, announcement);
+        EXPECT_EQ(announcement, "camera enable");
+        ASSERT_TRUE(server->waitUntilServing());
+        ASSERT_TRUE(streams());
+        server->signal(sig);
+        EXPECT_EQ(server->waitExit(), 0);
+        std::vector<std::string> log = logMessages();
+        const std::vector<std::string> start = {"************** ENTRY **************", "OpenCV version = " CV_VERSION,
+                                                "HTTP Port     : " + std::to_string(port)};
+        ASSERT_GE(log.size(), 20u);
+        EXPECT_EQ(std::vector<std::string>(log.begin(), log.begin() + 3), start);
+        const std::vector<std::string> opening = {
+            "Test URL      : " + camera.testUrl(), "Enabling camera", "Camera enabled", "Starting main loop",
+            "Testing connection to " + camera.testUrl(), "Success", "Opening stream " + camera.url(),
+            "Stream opened", "Read thread running"};
+        EXPECT_EQ(std::vector<std::string>(log.begin() + 8, log.begin() + 17), opening);
+        EXPECT_EQ(std::vector<std::string>(log.end() - 3, log.end()),
+                  (std::vector<std::string>{"Stopping camera", "Camera stopped", "************** EXIT **************"}));
+        EXPECT_NE(server->out().find("client connected\n"), std::string::npos);
+        std::filesystem::remove(kFifoPath);
+    }
+}
+
+TEST_F(EndToEnd, StreamingStartsOnceTheCameraAppears) {
+    camera.stop();
+    startServer();
+    ASSERT_TRUE(waitFor([] { return countLines(kLogPath, "Failure establishing connection") > 0; }));
+    ASSERT_TRUE(camera.start());
+    EXPECT_TRUE(waitFor([&] { return streams(); }, 30s));
+}
+
+TEST_F(EndToEnd, FaultsOfTheDevice) {
+    struct Case {
+        const char* what;
+        std::function<void()> before, during;
+        std::vector<std::string> args;
+        bool serving, newLog;
+        int status;
+        const char* lastLine;
+    };
+    const Case cases[] = {
+        {"log storage pulled and put back", [] {},
+         [] {
+             std::filesystem::remove_all("/media/usb99");
+             std::filesystem::create_directory("/media/usb99");
+         },
+         {}, true, true, 0, "************** EXIT **************"},
+        {"control FIFO path is a directory", [] { std::filesystem::create_directory(kFifoPath); }, [] {}, {}, true,
+         false, 0, "************** EXIT **************"},
+        {"nobody reads the control FIFO", [] { mkfifo(kFifoPath, 0600); }, [] {}, {}, false, false, -1,
+         "Enabling camera"},
+        {"default camera address, no network", [] {}, [] {}, {"-p", "0"}, false, false, 0,
+         "************** EXIT **************"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::filesystem::remove_all(kFifoPath);
+        std::filesystem::remove(kLogPath);
+        c.before();
+        startServer(c.args);
+        ASSERT_TRUE(waitFor([] { return countLines(kLogPath, "Enabling camera") > 0; }));
+        if (c.serving) {
+            ASSERT_TRUE(server->waitUntilServing());
+            c.during();
+            EXPECT_TRUE(streams());
+        } else if (!c.args.empty()) {
+            ASSERT_TRUE(waitFor([] { return countLines(kLogPath, "Failure establishing connection") > 0; }));
+            EXPECT_GE(countLines(kLogPath, "connect failed to 192.168.1.64:554"), 1);
+        }
+        server->signal(SIGINT);
+        EXPECT_EQ(server->waitExit(), c.status);
+        EXPECT_EQ(logMessages().back(), c.lastLine);
+        EXPECT_EQ(countLines(kLogPath, "************** ENTRY **************"), c.newLog ? 0 : 1);
+    }
+}
+
+}  // namespace

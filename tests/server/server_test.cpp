@@ -1,0 +1,152 @@
+// The frame server on real loopback sockets: request bytes to client state,
+// the bytes each kind of client gets, and clients coming and going.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <regex>
+
+#include "frame_server.h"
+#include "support.h"
+#include "wire_format.h"
+
+using namespace support;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+namespace {
+
+const std::string kJpeg = "\xff\xd8 twelve \xff\xd9";
+const std::string kPart = "--frame\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
+const std::string kSingle =
+    "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
+
+TEST(WireFormat, HeaderPartsAndSingleImageHeadersByteForByte) {
+    EXPECT_EQ(g_streamHeader, kStreamHeader);
+    EXPECT_EQ(g_streamHeader.size(), 191u);
+    for (const std::string& jpeg : {std::string(), std::string(9, 'j'), std::string(1234567, 'j')}) {
+        const std::string n = std::to_string(jpeg.size());
+        EXPECT_EQ(buildPart(jpeg), "--frame\r\nContent-Type: image/jpg\r\nContent-Length: " + n + "\r\n\r\n" + jpeg);
+        EXPECT_EQ(buildSingleImageHeader(jpeg.size()),
+                  "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: image/jpg\r\nContent-Length: " + n + "\r\n\r\n");
+    }
+}
+
+class ServerTest : public ::testing::Test {
+protected:
+    ~ServerTest() override {
+        while (!server.clientList().empty()) server.removeClient(server.clientList().front());
+    }
+    // Runs passes until `condition` holds.
+    bool passUntil(const std::function<bool()>& condition) {
+        return waitFor([&] { server.handleEvents(); return condition(); }, 5s);
+    }
+    std::unique_ptr<LoopbackClient> connectClient(const std::string& request = "") {
+        const size_t before = server.clientList().size();
+        auto client = std::make_unique<LoopbackClient>(port);
+        EXPECT_TRUE(passUntil([&] { return server.clientList().size() > before; }));
+        client->sendText(request);
+        if (!request.empty()) {
+            const Client* c = server.clientList().front();
+            EXPECT_TRUE(passUntil([&] { return c->headerSent || c->singleImage; }));
+        }
+        return client;
+    }
+    static int openFds() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
+
+    FrameServer server{0};
+    int port = server.boundPort();
+};
+
+TEST_F(ServerTest, RequestBytesDecideWhatTheClientGets) {
+    struct Case {
+        std::string request;
+        bool singleImage;
+    };
+    const Case cases[] = {
+        {"GET / HTTP/1.1\r\n\r\n", false},
+        {"GET /?frame_id=7 HTTP/1.1\r\n\r\n", true},
+        {"GET /?FRAME_ID=7 HTTP/1.1\r\n\r\n", false},
+        {"GET /?frame_id HTTP/1.1\r\n\r\n", false},
+        {"frame_id=", true},
+        {"x", false},
+        {std::string("GET /\0?frame_id=1", 17), false},  // the text ends at its first NUL
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.request);
+        auto client = connectClient(c.request);
+        const Client* state = server.clientList().front();
+        EXPECT_EQ(state->singleImage, c.singleImage);
+        EXPECT_EQ(state->headerSent && state->streaming, !c.singleImage);
+        server.sendFrame(kJpeg);
+        server.sendFrame(kJpeg);
+        if (c.singleImage) {
+            EXPECT_TRUE(client->readToEof(5s));
+            EXPECT_EQ(client->data(), kSingle);
+        } else {
+            EXPECT_EQ(client->readAtLeast(kStreamHeader.size() + 2 * kPart.size(), 5s), kStreamHeader + kPart + kPart);
+        }
+        server.removeClient(server.clientList().front());
+    }
+}
+
+TEST_F(ServerTest, LaterReadsNeverResendTheHeaderAndFrameIdEndsTheStream) {
+    auto silent = connectClient();
+    auto viewer = connectClient("GET / HTTP/1.1\r\n\r\n");
+    viewer->sendText("GET / again\r\n\r\n");
+    for (int pass = 0; pass < 3; ++pass) server.handleEvents();
+    server.sendFrame(kJpeg);
+    viewer->sendText("GET /?frame_id=2");
+    ASSERT_TRUE(passUntil([&] { return server.clientList().front()->singleImage; }));
+    server.sendFrame(kJpeg);
+    EXPECT_TRUE(viewer->readToEof(5s));
+    EXPECT_EQ(viewer->data(), kStreamHeader + kPart + kSingle);
+    EXPECT_EQ(silent->readFor(50ms), "");
+    EXPECT_EQ(server.clientList().size(), 2u);
+}
+
+TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
+    const int fds = openFds();
+    std::vector<std::unique_ptr<LoopbackClient>> clients;
+    for (int i = 0; i < 3; ++i) clients.push_back(std::make_unique<LoopbackClient>(port));
+    std::vector<uint16_t> ports;
+    for (size_t listed = 1; listed <= 3; ++listed) {
+        ASSERT_TRUE(waitFor([&] { server.handleEvents(); return server.clientList().size() >= listed; }, 5s));
+        EXPECT_EQ(server.clientList().size(), listed);
+        ports.insert(ports.begin(), server.clientList().front()->port);
+    }
+    std::vector<uint16_t> listed;
+    for (const Client* c : server.clientList()) listed.push_back(c->port);
+    EXPECT_EQ(listed, ports);  // newest first
+
+    // A half-closed client goes with its request unread; a vanished
+    // streaming client makes sends fail (errno on stderr) until the next pass.
+    clients[0]->sendText("GET /?frame_id=1");
+    shutdown(clients[0]->fd(), SHUT_WR);
+    clients[1]->sendText("GET /");
+    ASSERT_TRUE(passUntil([&] { return server.clientList().size() == 2 && server.clientList().back()->headerSent; }));
+    clients[1].reset();
+    CaptureStderr();
+    for (int i = 0; i < 3; ++i) server.sendFrame(kJpeg);
+    const std::string errors = GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(errors, std::regex("(104\n)?(32\n){1,3}"))) << errors;
+    EXPECT_EQ(server.clientList().size(), 2u);
+    EXPECT_TRUE(clients[0]->readToEof(1s));
+    EXPECT_EQ(clients[0]->data(), "");
+    EXPECT_TRUE(passUntil([&] { return server.clientList().size() == 1; }));
+    clients.clear();
+    EXPECT_TRUE(passUntil([&] { return server.clientList().empty(); }));
+    EXPECT_EQ(openFds(), fds);
+}
+
+TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
+    FrameServer first(0);
+    CaptureStderr();
+    FrameServer second(first.boundPort());
+    EXPECT_EQ(GetCapturedStderr(), "Can't bind socket\n");
+    second.handleEvents();
+    EXPECT_EQ(second.sendFrame(kJpeg), 0);
+}
+
+}  // namespace
