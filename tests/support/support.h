@@ -86,14 +86,22 @@ inline int countLines(const std::string& path, const std::string& message) {
 
 inline sockaddr_in loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
 
-inline int freeLoopbackPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// A loopback listener on a free port; `backlog` 0 still queues one connection.
+inline int listenOnLoopback(int& port, int backlog = 16) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_in a = loopback(0);
     socklen_t length = sizeof a;
     bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    listen(fd, backlog);
     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
-    close(fd);
-    return ntohs(a.sin_port);
+    port = ntohs(a.sin_port);
+    return fd;
+}
+
+inline int freeLoopbackPort() {
+    int port = 0;
+    close(listenOnLoopback(port));
+    return port;
 }
 
 // A child process, killed with the thread that started it.
