@@ -8,11 +8,13 @@
 #include "frame_server.h"
 #include "wire_format.h"
 
+using namespace support;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FrameServer server(0);
     const std::string jpeg = "\xff\xd8 fuzz \xff\xd9", request(reinterpret_cast<const char*>(data), std::min<size_t>(size, 1024));
-    const auto pass = [&](auto done) { return support::waitFor([&] { return server.handleEvents(), done(); }, 20s); };
-    support::LoopbackClient client(server.boundPort());
+    const auto pass = [&](auto done) { return waitFor([&] { return server.handleEvents(), done(); }, 20s); };
+    LoopbackClient client(server.boundPort());
     if (!pass([&] { return !server.clientList().empty(); })) std::abort();
     Client* state = server.clientList().front();
     client.sendText(request);
