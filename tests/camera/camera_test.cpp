@@ -152,8 +152,8 @@ TEST_F(CameraTest, ServesEachFrameOnceAndIsNotReopenedAfterTheCameraGoes) {
     EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 5),
               (std::vector<std::string>{"Testing connection to " + testUrl, "Success", "Opening stream " + source.url(),
                                         "Stream opened", "Read thread running"}));
-    EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
-              (std::vector<std::string>{"Stopping camera", "Camera stopped"}));
+    EXPECT_EQ(lines.back(), "Camera stopped");  // the read thread may log once more meanwhile
+    EXPECT_EQ(countLines(log, "Stopping camera"), 1);
     EXPECT_GE(countLines(log, "getImage timeout"), 2);
     EXPECT_GT(countLines(log, "Empty frame"), 0);
 }
