@@ -33,30 +33,23 @@ protected:
 TEST_F(AppTest, CommandLineFillsTheSettingsUnvalidated) {
     struct Case {
         std::vector<std::string> args;
-        int port;
-        const char *url, *codec, *testUrl;
-        int width, height;
+        int port, width, height;
         double fps;
+        const char *url, *codec, *testUrl;
     };
     const Case cases[] = {
-        {{}, 8080, kDefaultStreamUrl, "h264", kDefaultTestUrl, 1280, 720, 30.0},
-        {{"-p", "9000", "-u", "rtsp://a/b", "-w", "640", "-h", "360", "-f", "12.5", "-c", "mjpeg", "-t", ""},
-         9000, "rtsp://a/b", "mjpeg", "", 640, 360, 12.5},
-        {{"--httpport", "81x", "--width=-3", "--height", "abc", "--fps", "x", "--testurl=h:1"},
-         81, kDefaultStreamUrl, "h264", "h:1", -3, 0, 0.0},
+        {{}, 8080, 1280, 720, 30.0, kDefaultStreamUrl, "h264", kDefaultTestUrl},
+        {{"-p", "9000", "-u", "rtsp://a/b", "-w", "640", "-h", "360", "-f", "12.5", "-c", "mjpeg", "-t", ""}, 9000,
+         640, 360, 12.5, "rtsp://a/b", "mjpeg", ""},
+        {{"--httpport", "81x", "--width=-3", "--height", "abc", "--fps", "x", "--testurl=h:1"}, 81, -3, 0, 0.0,
+         kDefaultStreamUrl, "h264", "h:1"},
     };
     for (const Case& c : cases) {
         const Settings s = parse(c.args);
-        SCOPED_TRACE(c.port);
-        EXPECT_EQ(s.httpPort, c.port);
-        EXPECT_STREQ(s.stream.url, c.url);
-        EXPECT_STREQ(s.stream.codec, c.codec);
-        EXPECT_STREQ(s.stream.testUrl, c.testUrl);
-        EXPECT_EQ(s.stream.width, c.width);
-        EXPECT_EQ(s.stream.height, c.height);
-        EXPECT_EQ(s.stream.fps, c.fps);
-        EXPECT_STREQ(s.stream.testHost, kCameraAddress);
-        EXPECT_EQ(s.stream.testPort, 554);
+        EXPECT_EQ(std::make_tuple(s.httpPort, s.stream.width, s.stream.height, s.stream.fps, s.stream.testPort),
+                  std::make_tuple(c.port, c.width, c.height, c.fps, 554));
+        EXPECT_EQ(std::vector<std::string>({s.stream.url, s.stream.codec, s.stream.testUrl, s.stream.testHost}),
+                  std::vector<std::string>({c.url, c.codec, c.testUrl, kCameraAddress}));
     }
 }
 
@@ -64,29 +57,24 @@ TEST_F(AppTest, TestUrlIsSplitAtItsFirstColon) {
     struct Case {
         const char *testUrl, *host;
         int port;
-        bool copied;
     };
-    const Case cases[] = {{"127.0.0.1:8554", "127.0.0.1", 8554, true}, {"a:1:2", "a", 1, true},
-                          {"host:", "host", 0, true},  {":77", "", 77, true},
-                          {"nocolon", kCameraAddress, 554, false}, {"", kCameraAddress, 554, false}};
+    const Case cases[] = {{"127.0.0.1:8554", "127.0.0.1", 8554}, {"a:1:2", "a", 1},    {"host:", "host", 0},
+                          {":77", "", 77}, {"nocolon", kCameraAddress, 554}, {"", kCameraAddress, 554}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.testUrl);
         Settings s = parse({"-t", c.testUrl});
         char* copy = splitTestUrl(s);
-        EXPECT_EQ(copy != nullptr, c.copied);
-        EXPECT_STREQ(s.stream.testHost, c.host);
-        EXPECT_EQ(s.stream.testPort, c.port);
+        EXPECT_EQ(copy != nullptr, std::string(c.testUrl).find(':') != std::string::npos) << c.testUrl;
+        EXPECT_EQ(s.stream.testHost + (":" + std::to_string(s.stream.testPort)), c.host + (":" + std::to_string(c.port)));
         free(copy);
     }
 }
 
 TEST_F(AppTest, SettingsAreLoggedAsSevenLines) {
-    printSettings(parse({"-p", "9000", "-u", "rtsp://x/y", "-w", "640", "-h", "360", "-f", "12.25", "-c", "c",
-                         "-t", "h:5"}));
-    const std::vector<std::string> expected = {
-        "HTTP Port     : 9000", "Stream URL    : rtsp://x/y", "Video Width   : 640", "Video Height  : 360",
-        "Stream FPS    : 12.2", "Stream CODEC  : c",          "Test URL      : h:5"};
-    EXPECT_EQ(logMessages(log), expected);
+    printSettings(parse({"-p", "9", "-u", "rtsp://x/y", "-w", "64", "-h", "36", "-f", "12.25", "-c", "c", "-t", "h:5"}));
+    EXPECT_EQ(logMessages(log), (std::vector<std::string>{"HTTP Port     : 9", "Stream URL    : rtsp://x/y",
+                                                          "Video Width   : 64", "Video Height  : 36",
+                                                          "Stream FPS    : 12.2", "Stream CODEC  : c",
+                                                          "Test URL      : h:5"}));
 }
 
 TEST_F(AppTest, LogLinesAreUtcStampedCutAndDroppedWhileTheStorageIsAway) {
@@ -95,17 +83,12 @@ TEST_F(AppTest, LogLinesAreUtcStampedCutAndDroppedWhileTheStorageIsAway) {
     formatLogTimestamp(1700000000, 42, stamp, sizeof stamp);
     EXPECT_STREQ(stamp, "2023-11-14 22:13:20.000042");
     unsetenv("TZ");
-
     writeFile(log, "kept\n");
     logEvent(g_log, "frame %d of %s", 7, "seven");
     logEvent(g_log, "%s", std::string(3000, 'x').c_str());
-    const std::string text = readFile(log);
-    EXPECT_TRUE(std::regex_match(text.substr(0, text.find("xxx")),
-                                 std::regex("kept\n\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} frame 7 of "
-                                            "seven\n\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} ")))
-        << text.substr(0, 100);
-    EXPECT_EQ(logMessages(log).back(), std::string(1023, 'x'));
-
+    const std::string stamped = "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} ";
+    EXPECT_TRUE(std::regex_match(readFile(log), std::regex("kept\n" + stamped + "frame 7 of seven\n" + stamped +
+                                                           "x{1023}\n")));
     const std::string away = dir.file("usb99/stream.log");
     setEventLogPath(away.c_str());
     logEvent(g_log, "lost");

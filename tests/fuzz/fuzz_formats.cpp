@@ -8,14 +8,11 @@
 #include <regex>
 #include <string>
 
+#include "../support/support.h"
 #include "frame_composer.h"
 
 namespace {
 
-struct Rates : RateSource {
-    double queueRate() const override { return 29.97; }
-    double dequeueRate() const override { return -1e300; }
-} g_rates;
 
 bool grammarAllows(const std::string& format) {
     static const std::regex grammar("(?:[^%]|%%)*%[-+ #0]*([0-9]{0,2})(?:\\.([0-9]{0,2}))?l?[fFeEgGaA](?:[^%]|%%)*");
@@ -27,7 +24,10 @@ bool grammarAllows(const std::string& format) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static FrameComposer composer(g_rates, "/nonexistent/overlays.json");
+    static support::FakeRates rates;
+    static FrameComposer composer(rates, "/nonexistent/overlays.json");
+    rates.queue = 29.97;
+    rates.dequeue = -1e300;
     composer.overlayCanvas.create(kOutputHeight, kOutputWidth, CV_8UC3);
     const std::string format(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
     if (isSafeRateFormat(format.c_str()) != grammarAllows(format)) std::abort();

@@ -84,16 +84,22 @@ protected:
     std::string printed;
 };
 
-TEST_F(OverlayTest, FileIsFollowedByItsModificationTime) {
+TEST_F(OverlayTest, FileIsFollowedByItsModificationTimeAndOnlyBoundedRegularFilesAreParsed) {
     const std::string good = document({element("text", "Hello")});
     const auto write = [&](std::string text, time_t t) { return [=, this] { writeFile(path, text, t); }; };
-    const auto touch = [&](time_t t) { return [=, this] { writeFile(path, readFile(path), t); }; };
-    const auto remove = [&] { std::filesystem::remove(path); };
-    const std::string missing = "{P} updated\nArray 'overlays' missing in {P}\n";
+    const auto make = [&](std::function<void()> f, time_t t = 0) {
+        return [=, this] {
+            std::filesystem::remove_all(path);
+            f();
+            const timespec times[2] = {{t, 0}, {t, 0}};
+            utimensat(AT_FDCWD, path.c_str(), times, 0);
+        };
+    };
+    const std::string missing = "{P} updated\nArray 'overlays' missing in {P}\n", error = "{P} updated\nError parsing {P}\n";
     struct Step {
         const char* what;
         std::function<void()> act;
-        const char* printed;
+        std::string printed;
         bool drawn;
     };
     const Step steps[] = {
@@ -102,21 +108,21 @@ TEST_F(OverlayTest, FileIsFollowedByItsModificationTime) {
         {"created", write(good, 1000), "{P} updated\n", true},
         {"unchanged", [] {}, "", true},
         {"rewritten within the second", write("{broken", 1000), "", true},
-        {"deleted", remove, "Cannot stat {P}\n", false},
+        {"deleted", make([] {}), "Cannot stat {P}\n", false},
         {"restored within the second", write("{broken", 1000), "", true},
-        {"invalid JSON", write("{broken", 1001), "{P} updated\nError parsing {P}\n", false},
+        {"invalid JSON", write("{broken", 1001), error, false},
         {"invalid, unchanged", [] {}, "", false},
-        {"fixed", write(good, 1002), "{P} updated\n", true},
-        {"no overlays member", write(R"({"other":[1]})", 1003), missing.c_str(), false},
+        {"fixed, older time", write(good, 999), "{P} updated\n", true},
+        {"no overlays member", write(R"({"other":[1]})", 1003), missing, false},
         {"rejected, unchanged", [] {}, "", false},
-        {"overlays null", write(R"({"overlays":null})", 1004), missing.c_str(), false},
-        {"overlays an object", write(R"({"overlays":{"x":1}})", 1005), missing.c_str(), false},
-        {"root an array", write("[1,2]", 1006), missing.c_str(), false},
-        {"empty array", write(R"({"overlays":[]})", 1007), "{P} updated\nNo overlays in {P}\n", false},
-        {"deleted after a rejection", remove, "Cannot stat {P}\n", false},
-        {"restored, nothing kept", write(good, 1007), "", false},
-        {"touched", touch(1008), "{P} updated\n", true},
-        {"older time", touch(999), "{P} updated\n", true},
+        {"overlays an object", write(R"({"overlays":{"x":1}})", 1004), missing, false},
+        {"empty array", write(R"({"overlays":[]})", 1005), "{P} updated\nNo overlays in {P}\n", false},
+        {"restored, nothing kept", make(write(good, 1005), 1005), "", false},
+        {"a FIFO", make([&] { mkfifo(path.c_str(), 0600); }, 2000), error, false},
+        {"a directory", make([&] { std::filesystem::create_directory(path); }, 2001), error, false},
+        {"over 1 MiB", make(write(good + std::string(kMaxOverlayFileBytes, ' '), 1), 1), error, false},
+        {"just 1 MiB", write(good + std::string(kMaxOverlayFileBytes - good.size(), ' '), 2), "{P} updated\n", true},
+        {"empty", write("", 3), error, false},
     };
     for (const Step& step : steps) {
         SCOPED_TRACE(step.what);
@@ -124,34 +130,6 @@ TEST_F(OverlayTest, FileIsFollowedByItsModificationTime) {
         cv::Mat frame = solid(100);
         EXPECT_EQ(apply(frame), p(step.printed));
         EXPECT_EQ(!same(frame, solid(100)), step.drawn);
-    }
-}
-
-TEST_F(OverlayTest, OnlyBoundedRegularFilesAreParsed) {
-    const std::string good = document({element("text", "x")});
-    struct Case {
-        const char* what;
-        std::function<void()> make;
-        bool parsed;
-    };
-    const Case cases[] = {
-        {"FIFO", [&] { mkfifo(path.c_str(), 0600); }, false},
-        {"directory", [&] { std::filesystem::create_directory(path); }, false},
-        {"link to /dev/zero", [&] { std::filesystem::create_symlink("/dev/zero", path); }, false},
-        {"empty", [&] { writeFile(path, ""); }, false},
-        {"over 1 MiB", [&] { writeFile(path, good + std::string(kMaxOverlayFileBytes, ' ')); }, false},
-        {"just 1 MiB", [&] { writeFile(path, good + std::string(kMaxOverlayFileBytes - good.size(), ' ')); }, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::filesystem::remove_all(path);
-        c.make();
-        FrameComposer fresh(rates, path);
-        cv::Mat frame = solid(100);
-        CaptureStdout();
-        fresh.applyOverlays(frame);
-        EXPECT_EQ(GetCapturedStdout(), p(c.parsed ? "{P} updated\n" : "{P} updated\nError parsing {P}\n"));
-        EXPECT_EQ(!same(frame, solid(100)), c.parsed);
     }
 }
 
@@ -170,65 +148,49 @@ TEST_F(OverlayTest, ElementsWithoutAllFourMembersAreReportedEveryFrame) {
     }
 }
 
-TEST_F(OverlayTest, BoxesAndTextsArePlacedAndBlendedAtHalfWeight) {
-    struct Case {
-        const char* what;
-        std::vector<Text> texts;
-        cv::Mat background;
-    };
-    const Case cases[] = {
-        {"centre", {{"Camera 1", 50, 50}}, noisy()},
-        {"clipped top left", {{"Hello", 0, 0}}, solid(255)},
-        {"clipped bottom right", {{"Hello", 100, 100}}, solid(0)},
-        {"truncated toward zero", {{"Hello", -0.5, 30.05}}, noisy()},
-        {"overlapping boxes darken once", {{"first", 50, 50}, {"second", 52, 51}}, solid(255)},
-        {"apart", {{"a", 10, 90}, {"gjpqy[]", 90, 10}}, noisy()},
-        {"empty text is a bare box", {{"", 30, 30}}, solid(200)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::vector<std::string> elements;
-        for (const Text& t : c.texts) elements.push_back(element("text", t.text, t.x, t.y));
-        EXPECT_TRUE(same(draw(document(elements), c.background), reference(c.background, c.texts)));
-    }
-}
-
-TEST_F(OverlayTest, TypesAndHostileElementsDrawTheirTextOrNothing) {
+// Each row: overlay elements and the texts they must draw (percent positions),
+// on a noisy frame or a flat one.
+TEST_F(OverlayTest, ElementsDrawTheirTextsPlacedAndBlendedOrNothing) {
     rates.queue = 12.34;
     rates.dequeue = 0.5;
     char year[8];
     const time_t now = time(nullptr);
     strftime(year, sizeof year, "%Y", localtime(&now));
-    const std::string longText(300, 'x'), longFormat(257, 'y');
-    struct Case {
-        std::string json;
-        std::vector<Text> drawn;
-    };
-    const Case cases[] = {
-        {element("TEXT", "Hi"), {{"Hi", 50, 50}}},
-        {element("queue_rate", "q %.1f"), {{"q 12.3", 50, 50}}},
-        {element("Dequeue_Rate", "%5.2f fps"), {{" 0.50 fps", 50, 50}}},
-        {element("date", "%Y"), {{year, 50, 50}}},
-        {element("time", "%Y"), {{year, 50, 50}}},
-        {element("image", "x.png"), {}},
-        {element("other", "x"), {}},
-        {element("text", longText), {{longText.substr(0, 256), 50, 50}}},
-        {element("date", longFormat), {}},
-        {element("date", ""), {}},
-        {element("queue_rate", "%s"), {}},
-        {element("queue_rate", "ab%79.1f"), {{("ab" + std::string(75, ' ') + "12.3").substr(0, 79), 50, 50}}},
-        {R"({"x":1e400,"y":50,"type":"text","value":"inf"})", {}},
-        {R"({"x":NaN,"y":50,"type":"text","value":"nan"})", {}},
-        {element("text", "far", 1e12, -1e12), {}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.json.substr(0, 80));
-        EXPECT_TRUE(same(draw(document({c.json})), reference(noisy(), c.drawn)));
-        EXPECT_EQ(printed, p("{P} updated\n"));
-    }
+    const std::string longText(300, 'x');
     std::vector<std::string> many(kMaxOverlaysPerFrame, element("text", "a", 10, 10));
     many.push_back(element("text", "b", 90, 90));
-    EXPECT_TRUE(same(draw(document(many)), reference(noisy(), {{"a", 10, 10}})));
+    struct Case {
+        std::vector<std::string> elements;
+        std::vector<Text> drawn;
+        int flat = -1;
+    };
+    const Case cases[] = {
+        {{element("text", "Camera 1")}, {{"Camera 1", 50, 50}}},
+        {{element("text", "Hello", 0, 0)}, {{"Hello", 0, 0}}, 255},
+        {{element("text", "Hello", 100, 100)}, {{"Hello", 100, 100}}, 0},
+        {{element("text", "Hello", -0.5, 30.05)}, {{"Hello", -0.5, 30.05}}},  // truncated toward zero
+        {{element("text", "first"), element("text", "second", 52, 51)}, {{"first", 50, 50}, {"second", 52, 51}}, 255},
+        {{element("text", "a", 10, 90), element("text", "gjpqy[]", 90, 10)}, {{"a", 10, 90}, {"gjpqy[]", 90, 10}}},
+        {{element("text", "", 30, 30)}, {{"", 30, 30}}, 200},
+        {{element("TEXT", "Hi")}, {{"Hi", 50, 50}}},
+        {{element("queue_rate", "q %.1f")}, {{"q 12.3", 50, 50}}},
+        {{element("Dequeue_Rate", "%5.2f fps")}, {{" 0.50 fps", 50, 50}}},
+        {{element("date", "%Y"), element("time", "%Y", 9, 9)}, {{year, 50, 50}, {year, 9, 9}}},
+        {{element("image", "x.png"), element("other", "x")}, {}},
+        {{element("text", longText)}, {{longText.substr(0, 256), 50, 50}}},
+        {{element("date", std::string(257, 'y')), element("date", "")}, {}},
+        {{element("queue_rate", "%s")}, {}},
+        {{element("queue_rate", "ab%79.1f")}, {{("ab" + std::string(75, ' ') + "12.3").substr(0, 79), 50, 50}}},
+        {{R"({"x":1e400,"y":50,"type":"text","value":"inf"})", R"({"x":NaN,"y":5,"type":"text","value":"nan"})"}, {}},
+        {{element("text", "far", 1e12, -1e12)}, {}},
+        {many, {{"a", 10, 10}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.elements[0].substr(0, 80));
+        const cv::Mat background = c.flat < 0 ? noisy() : solid(c.flat);
+        EXPECT_TRUE(same(draw(document(c.elements), background), reference(background, c.drawn)));
+        EXPECT_EQ(printed, p("{P} updated\n"));
+    }
 }
 
 TEST(RateFormat, OnlyLiteralTextAndOneFloatingConversionPass) {

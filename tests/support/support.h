@@ -1,18 +1,23 @@
 // What the tests share: temporary files, the event log, child processes (the
-// bundled test camera and the real server), a loopback client and a strict
-// parser of the server's MJPEG stream.
+// test camera, the real server), a loopback client and a stream parser.
 #pragma once
 
-#include <sys/types.h>
-
-#include <csignal>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstddef>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
-#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "rate_source.h"
@@ -22,151 +27,267 @@ namespace support {
 using namespace std::chrono_literals;
 using Millis = std::chrono::milliseconds;
 
-// The server's fixed paths; private to the test inside tests/support/isolate.
+// The server's fixed paths, private to a test run in support/isolate.
 inline constexpr const char* kLogPath = "/media/usb99/stream.log";
 inline constexpr const char* kFifoPath = "/var/run/tbx/api.fifo";
-inline constexpr const char* kOverlayPath = "/tmp/overlays.json";
+// The stream header, written out independently of the server's copy.
+inline const std::string kStreamHeader =
+    "HTTP/1.0 200 OK\r\nAccept-Range: bytes\r\nConnection: close\r\nMax-Age: 0\r\nExpires: 0\r\n"
+    "Cache-Control: no-cache, private\r\nPragma: no-cache\r\n"
+    "Content-Type: multipart/x-mixed-replace;boundary=frame\r\n\r\n";
 
-// The stream response header, written out here independently of the server.
-extern const std::string kStreamHeader;
-
-// A fresh directory under $TMPDIR, removed with its content.
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
-    const std::filesystem::path& path() const { return path_; }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
+    TempDir() {
+        std::string name = std::filesystem::temp_directory_path() / "vs-test-XXXXXX";
+        path_ = mkdtemp(name.data());
+    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
 
 private:
-    std::filesystem::path path_;
+    std::string path_;
 };
 
-std::string readFile(const std::string& path);
-// Writes `text`; a non-zero `mtime` then sets the modification time (seconds).
-void writeFile(const std::string& path, const std::string& text, time_t mtime = 0);
-// Polls `condition` every 5 ms until it holds or `timeout` passes.
-bool waitFor(const std::function<bool()>& condition, Millis timeout = 10s);
-// Event-log lines without their 27-character time stamp.
-std::vector<std::string> logMessages(const std::string& path = kLogPath);
-int countLines(const std::string& path, const std::string& message);
-// A loopback port that was free a moment ago.
-int freeLoopbackPort();
+inline std::string readFile(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
 
-// A child process that dies with the thread that started it.
+// A non-zero `mtime` sets the modification time in whole seconds.
+inline void writeFile(const std::string& path, const std::string& text, time_t mtime = 0) {
+    std::ofstream(path, std::ios::binary) << text;
+    const timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+// Polls every 5 ms until `condition` holds or `timeout` passes.
+inline bool waitFor(const std::function<bool()>& condition, Millis timeout = 10s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (; !condition(); std::this_thread::sleep_for(5ms)) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+    }
+    return true;
+}
+
+// Event-log lines without their time stamp.
+inline std::vector<std::string> logMessages(const std::string& path = kLogPath) {
+    std::vector<std::string> messages;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) messages.push_back(line.size() < 27 ? "" : line.substr(27));
+    return messages;
+}
+
+inline int countLines(const std::string& path, const std::string& message) {
+    const auto all = logMessages(path);
+    return static_cast<int>(std::count(all.begin(), all.end(), message));
+}
+
+inline sockaddr_in loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
+
+// A loopback listener on a free port; `backlog` 0 still queues one connection.
+inline int listenOnLoopback(int& port, int backlog = 16) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in a = loopback(0);
+    socklen_t length = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    listen(fd, backlog);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
+    port = ntohs(a.sin_port);
+    return fd;
+}
+
+inline int freeLoopbackPort() {
+    int port = 0;
+    close(listenOnLoopback(port));
+    return port;
+}
+
+// A child process, killed with the thread that started it.
 class Process {
 public:
-    Process() = default;
-    ~Process();
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-    // Standard output and error go to files; empty paths keep the test's.
-    bool start(const std::vector<std::string>& argv, const std::string& outPath = "",
-               const std::string& errPath = "");
-    void signal(int sig) const;
-    // The exit status, or -1 when a signal ended it or it outlived `timeout`
-    // (it is then killed).
-    int waitExit(Millis timeout = 15s);
-    bool running();
+    ~Process() { waitExit(0ms); }
+    bool start(const std::vector<std::string>& argv, const std::string& out = "", const std::string& err = "") {
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        const pid_t parent = getpid();
+        if ((pid_ = fork()) == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) _exit(127);
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            if (!out.empty()) dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+            if (!err.empty()) dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+            close_range(3, ~0U, 0);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        return pid_ > 0;
+    }
+    void signal(int sig) const {
+        if (pid_ > 0) kill(pid_, sig);
+    }
+    // The exit status; -1 if a signal ended it or it outlived `timeout` (it is then killed).
+    int waitExit(Millis timeout = 15s) {
+        int status = -1;
+        if (pid_ > 0 && !waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+            status = -1;
+        }
+        pid_ = -1;
+        return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
     pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
 };
 
-// The bundled test camera on 127.0.0.1. The first start picks a free port;
-// later starts reuse it, so a camera can go away and come back at one URL.
-class TestCamera {
+// The bundled test camera on 127.0.0.1. It keeps its first port across
+// stop() and start(), so it can go away and come back at one URL.
+class TestCamera : public Process {
 public:
-    explicit TestCamera(std::string size = "640x360", std::vector<std::string> extraArgs = {});
-    bool start();
-    int stop(int sig = SIGTERM);
+    explicit TestCamera(std::string size = "640x360", std::vector<std::string> extraArgs = {})
+        : args_{TEST_CAMERA_BIN, "--size", std::move(size)} {
+        args_.insert(args_.end(), extraArgs.begin(), extraArgs.end());
+    }
+    // Returns once it prints its URL (the first start on a fresh machine
+    // waits for GStreamer's plugin registry).
+    bool start() {
+        std::vector<std::string> argv = args_;
+        argv.insert(argv.end(), {"--port", std::to_string(port_)});
+        writeFile(dir_.file("url"), "");
+        Process::start(argv, dir_.file("url"));
+        const bool ready = waitFor([&] { return readFile(dir_.file("url")).find('\n') != std::string::npos; }, 30s);
+        url_ = readFile(dir_.file("url")).substr(0, readFile(dir_.file("url")).find('\n'));
+        if (ready && sscanf(url_.c_str(), "rtsp://127.0.0.1:%d/", &port_) == 1) return true;
+        stop(SIGKILL);
+        return false;
+    }
+    int stop(int sig = SIGTERM) {
+        signal(sig);
+        return waitExit(5s);
+    }
     const std::string& url() const { return url_; }
     int port() const { return port_; }
     std::string testUrl() const { return "127.0.0.1:" + std::to_string(port_); }
-    pid_t pid() const { return process_.pid(); }
 
 private:
     std::vector<std::string> args_;
     TempDir dir_;
-    Process process_;
     std::string url_;
     int port_ = 0;
 };
 
-// The real video-server with `args`; its console output goes to files.
-class ServerProcess {
+// The real video-server; its standard output and error go to files.
+class ServerProcess : public Process {
 public:
     explicit ServerProcess(std::vector<std::string> args) : args_(std::move(args)) {}
-    void start();
-    bool waitUntilServing(Millis timeout = 20s);
-    void signal(int sig) const { process_.signal(sig); }
-    int waitExit(Millis timeout = 15s) { return process_.waitExit(timeout); }
-    pid_t pid() const { return process_.pid(); }
+    void start() {
+        std::vector<std::string> argv{VIDEO_SERVER_BIN};
+        argv.insert(argv.end(), args_.begin(), args_.end());
+        Process::start(argv, dir_.file("out"), dir_.file("err"));
+    }
+    bool waitUntilServing(Millis timeout = 20s) const {
+        return waitFor([] { return countLines(kLogPath, "Starting main loop") > 0; }, timeout);
+    }
     std::string out() const { return readFile(dir_.file("out")); }
     std::string err() const { return readFile(dir_.file("err")); }
 
 private:
     std::vector<std::string> args_;
     TempDir dir_;
-    Process process_;
 };
 
-// A blocking TCP client of 127.0.0.1:port that reads with deadlines.
 class LoopbackClient {
 public:
-    explicit LoopbackClient(int port);
-    ~LoopbackClient();
+    explicit LoopbackClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_in a = loopback(port);
+        connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+    }
+    ~LoopbackClient() { close(fd_); }
     LoopbackClient(const LoopbackClient&) = delete;
     LoopbackClient& operator=(const LoopbackClient&) = delete;
     bool connected() const { return connected_; }
     int fd() const { return fd_; }
-    void sendText(std::string_view text) const;
+    void sendText(const std::string& text) const { send(fd_, text.data(), text.size(), MSG_NOSIGNAL); }
     // Reads until `total` bytes are in, the peer closes or time runs out.
-    const std::string& readAtLeast(size_t total, Millis timeout = 10s);
-    const std::string& readFor(Millis window);
-    bool readToEof(Millis timeout = 10s);
+    const std::string& readAtLeast(size_t total, Millis timeout = 10s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (Millis left = timeout; data_.size() < total && !eof_ && left.count() > 0;) {
+            pollfd p{fd_, POLLIN, 0};
+            char buffer[65536];
+            if (poll(&p, 1, static_cast<int>(left.count())) > 0) {
+                const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+                eof_ = n <= 0;
+                data_.append(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            left = std::chrono::duration_cast<Millis>(deadline - std::chrono::steady_clock::now());
+        }
+        return data_;
+    }
+    const std::string& readFor(Millis window) { return readAtLeast(SIZE_MAX, window); }
+    bool readToEof(Millis timeout = 10s) { return readFor(timeout), eof_; }
     const std::string& data() const { return data_; }
     bool eof() const { return eof_; }
 
 private:
-    int fd_ = -1;
-    bool connected_ = false;
-    bool eof_ = false;
+    int fd_;
+    bool connected_, eof_ = false;
     std::string data_;
 };
 
-enum class StreamFormat { server, ffmpeg };
-
-// Strict, incremental parser of an MJPEG stream: the server's (its exact
-// stream header, then "--frame" parts back to back) or the output of
-// ffmpeg's mpjpeg muxer. Anything else, a malformed length or a payload that
-// is not one JPEG (FF D8 ... FF D9) fails it for good.
+// Strict parser of the server's stream as it arrives: its exact header,
+// then "--frame" parts back to back, each one JPEG (FF D8 ... FF D9).
+// Anything else fails it for good.
 class PartParser {
 public:
-    enum class Result { needMore, part, error };
-    explicit PartParser(StreamFormat format = StreamFormat::server) : format_(format) {}
-    // Room for `want` more bytes; fill some, then commit() them.
-    char* space(size_t want);
-    void commit(size_t n) { end_ += n; }
-    void append(std::string_view bytes);
-    // The next complete part; `jpeg` stays valid until the next space().
-    Result next(std::string_view& jpeg, size_t& partBytes);
-    // Every complete part's JPEG in `bytes`; false if the stream is malformed.
-    static bool split(std::string_view bytes, std::vector<std::string>& jpegs);
-    bool failed() const { return !error_.empty(); }
-    const std::string& error() const { return error_; }
+    void append(const std::string& bytes) { buffer_ += bytes; }
+    // The next complete part's JPEG; false when more bytes are needed or
+    // the stream is malformed (failed()).
+    bool next(std::string& jpeg) {
+        size_t at = 0;
+        const auto take = [&](std::string_view text) {
+            const size_t n = std::min(text.size(), buffer_.size() - at);
+            failed_ = failed_ || buffer_.compare(at, n, text.substr(0, n)) != 0;
+            at += n;
+            return !failed_ && n == text.size();
+        };
+        if (!headerDone_) {
+            if (!(headerDone_ = take(kStreamHeader))) return false;
+            buffer_.erase(0, at);
+            at = 0;
+        }
+        if (!take("--frame\r\nContent-Type: image/jpg\r\nContent-Length: ")) return false;
+        const size_t digits = buffer_.find_first_not_of("0123456789", at);
+        if (digits == std::string::npos) return false;
+        failed_ = digits == at || digits - at > 9 || (buffer_[at] == '0' && digits > at + 1);
+        const size_t length = failed_ ? 0 : std::stoul(buffer_.substr(at, digits - at));
+        at = digits;
+        if (!take("\r\n\r\n") || buffer_.size() - at < length) return false;
+        jpeg = buffer_.substr(at, length);
+        failed_ = length < 4 || jpeg.compare(0, 2, "\xff\xd8") != 0 || jpeg.compare(length - 2, 2, "\xff\xd9") != 0;
+        if (!failed_) buffer_.erase(0, at + length), ++parts_;
+        return !failed_;
+    }
+    bool failed() const { return failed_; }
     size_t parts() const { return parts_; }
+    // Every complete part of `bytes`; false if they are malformed.
+    static bool split(const std::string& bytes, std::vector<std::string>& jpegs) {
+        PartParser parser;
+        parser.append(bytes);
+        for (std::string jpeg; parser.next(jpeg);) jpegs.push_back(jpeg);
+        return !parser.failed();
+    }
 
 private:
-    Result expect(std::string_view in, size_t& at, std::string_view text);
-    Result fail(std::string why);
-
-    StreamFormat format_;
-    std::vector<char> buf_;
-    size_t begin_ = 0, end_ = 0, parts_ = 0;
-    bool started_ = false;
-    std::string error_;
+    std::string buffer_;
+    size_t parts_ = 0;
+    bool headerDone_ = false, failed_ = false;
 };
 
 class FakeRates : public RateSource {
