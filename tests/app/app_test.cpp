@@ -30,41 +30,36 @@ protected:
     std::vector<std::string> args;
 };
 
-TEST_F(AppTest, CommandLineFillsTheSettingsUnvalidated) {
+// Each row: arguments, then the settings they give, the test URL split.
+TEST_F(AppTest, CommandLineFillsTheSettingsUnvalidatedAndTheTestUrlIsSplitAtItsFirstColon) {
     struct Case {
         std::vector<std::string> args;
         int port, width, height;
         double fps;
-        const char *url, *codec, *testUrl;
+        const char *url, *codec, *testUrl, *host;
+        int testPort;
     };
+    const char *rtsp = kDefaultStreamUrl, *camera = kCameraAddress;
     const Case cases[] = {
-        {{}, 8080, 1280, 720, 30.0, kDefaultStreamUrl, "h264", kDefaultTestUrl},
+        {{}, 8080, 1280, 720, 30.0, rtsp, "h264", kDefaultTestUrl, camera, 554},
         {{"-p", "9000", "-u", "rtsp://a/b", "-w", "640", "-h", "360", "-f", "12.5", "-c", "mjpeg", "-t", ""}, 9000,
-         640, 360, 12.5, "rtsp://a/b", "mjpeg", ""},
-        {{"--httpport", "81x", "--width=-3", "--height", "abc", "--fps", "x", "--testurl=h:1"}, 81, -3, 0, 0.0,
-         kDefaultStreamUrl, "h264", "h:1"},
+         640, 360, 12.5, "rtsp://a/b", "mjpeg", "", camera, 554},
+        {{"--httpport", "81x", "--width=-3", "--height", "abc", "--fps", "x", "--testurl=h:1:2"}, 81, -3, 0, 0.0, rtsp,
+         "h264", "h:1:2", "h", 1},
+        {{"-t", "127.0.0.1:8554"}, 8080, 1280, 720, 30.0, rtsp, "h264", "127.0.0.1:8554", "127.0.0.1", 8554},
+        {{"-t", "host:"}, 8080, 1280, 720, 30.0, rtsp, "h264", "host:", "host", 0},
+        {{"-t", ":77"}, 8080, 1280, 720, 30.0, rtsp, "h264", ":77", "", 77},
+        {{"-t", "nocolon"}, 8080, 1280, 720, 30.0, rtsp, "h264", "nocolon", camera, 554},
     };
     for (const Case& c : cases) {
-        const Settings s = parse(c.args);
+        Settings s = parse(c.args);
         EXPECT_EQ(std::make_tuple(s.httpPort, s.stream.width, s.stream.height, s.stream.fps, s.stream.testPort),
                   std::make_tuple(c.port, c.width, c.height, c.fps, 554));
         EXPECT_EQ(std::vector<std::string>({s.stream.url, s.stream.codec, s.stream.testUrl, s.stream.testHost}),
-                  std::vector<std::string>({c.url, c.codec, c.testUrl, kCameraAddress}));
-    }
-}
-
-TEST_F(AppTest, TestUrlIsSplitAtItsFirstColon) {
-    struct Case {
-        const char *testUrl, *host;
-        int port;
-    };
-    const Case cases[] = {{"127.0.0.1:8554", "127.0.0.1", 8554}, {"a:1:2", "a", 1},    {"host:", "host", 0},
-                          {":77", "", 77}, {"nocolon", kCameraAddress, 554}, {"", kCameraAddress, 554}};
-    for (const Case& c : cases) {
-        Settings s = parse({"-t", c.testUrl});
+                  std::vector<std::string>({c.url, c.codec, c.testUrl, camera}));
         char* copy = splitTestUrl(s);
         EXPECT_EQ(copy != nullptr, std::string(c.testUrl).find(':') != std::string::npos) << c.testUrl;
-        EXPECT_EQ(s.stream.testHost + (":" + std::to_string(s.stream.testPort)), c.host + (":" + std::to_string(c.port)));
+        EXPECT_EQ(s.stream.testHost + (":" + std::to_string(s.stream.testPort)), c.host + (":" + std::to_string(c.testPort)));
         free(copy);
     }
 }
