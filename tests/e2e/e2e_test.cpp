@@ -90,7 +90,8 @@ TEST_F(EndToEnd, SignalsStopTheServerInOrderAndTheLogTellsItsLife) {
         std::string announcement;
         std::getline(control, announcement);
         EXPECT_EQ(announcement, "camera enable");
-        ASSERT_TRUE(waitFor([&] { return countLines(kLogPath, opening.back()) > 0; }));
+        const std::string awaited = opening.back();  // clang cannot capture a structured binding
+        ASSERT_TRUE(waitFor([&] { return countLines(kLogPath, awaited) > 0; }));
         ASSERT_TRUE(!args.empty() || streams());
         server->signal(sig);
         EXPECT_EQ(server->waitExit(), 0);
