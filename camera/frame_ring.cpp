@@ -14,47 +14,54 @@ FrameRing::FrameRing(Clock clock) : clock(clock) {}
 void FrameRing::commitFrame() {
     const int64_t now = clock();
     {
-        std::lock_guard<std::mutex> lock(ringMutex);
+        MutexLock lock(&ringMutex);
         commitStamps[writeIndex] = now;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
     }
-    committed.notify_one();
-    recordRate(queueStamps, queueRateValue, now);
+    committed.signal();
+    if (const auto rate = pushStamp(queueStamps, now)) {
+        MutexLock lock(&rateMutex);
+        queueRateValue = *rate;
+    }
 }
 
 bool FrameRing::waitForNew(int64_t micros) {
-    std::unique_lock<std::mutex> lock(ringMutex);
-    return committed.wait_for(lock, std::chrono::microseconds(std::max<int64_t>(micros, 0)),
-                              [this] { return lastWritten != lastServed; });
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::microseconds(std::max<int64_t>(micros, 0));
+    MutexLock lock(&ringMutex);
+    while (lastWritten == lastServed) {
+        if (!committed.waitUntil(ringMutex, deadline)) return lastWritten != lastServed;
+    }
+    return true;
 }
 
 int64_t FrameRing::commitStamp(int i) const {
-    std::lock_guard<std::mutex> lock(ringMutex);
+    MutexLock lock(&ringMutex);
     return commitStamps[i];
 }
 
 int FrameRing::takeNewest() {
     int i;
     {
-        std::lock_guard<std::mutex> lock(ringMutex);
+        MutexLock lock(&ringMutex);
         i = lastWritten;
         if (i == lastServed) return -1;
         lastServed = i;
     }
     if (i == -1) return -1;
-    recordRate(dequeueStamps, dequeueRateValue, clock());
+    recordTake();
     return i;
 }
 
 int FrameRing::takeAndClear() {
     int i;
     {
-        std::lock_guard<std::mutex> lock(ringMutex);
+        MutexLock lock(&ringMutex);
         i = lastWritten;
         lastWritten = -1;
     }
-    if (i != -1) recordRate(dequeueStamps, dequeueRateValue, clock());
+    if (i != -1) recordTake();
     return i;
 }
 
@@ -64,30 +71,36 @@ void FrameRing::resetStamps() {
 }
 
 double FrameRing::queueRate() const {
-    std::lock_guard<std::mutex> lock(rateMutex);
+    MutexLock lock(&rateMutex);
     return queueRateValue;
 }
 
 double FrameRing::dequeueRate() const {
-    std::lock_guard<std::mutex> lock(rateMutex);
+    MutexLock lock(&rateMutex);
     return dequeueRateValue;
 }
 
 int32_t FrameRing::lastWrittenValue() const {
-    std::lock_guard<std::mutex> lock(ringMutex);
+    MutexLock lock(&ringMutex);
     return lastWritten;
 }
 
 // Intervals per second over the last up to 120 intervals. Same clock
 // readings give an infinite rate, a clock stepped back a negative one; both
 // are stored as computed and replaced by later stamps.
-void FrameRing::recordRate(std::deque<int64_t>& history, double& rate, int64_t stamp) {
+std::optional<double> FrameRing::pushStamp(std::deque<int64_t>& history, int64_t stamp) {
     if (history.size() > kMaxStamps - 1) history.pop_front();
     history.push_back(stamp);
     const size_t n = history.size();
-    if (n < 2) return;
+    if (n < 2) return std::nullopt;
     const int64_t span = history.back() - history.front();
-    const double value = (static_cast<double>(n) - 1.0) * 1000.0 / (static_cast<double>(span) * 1e-6);
-    std::lock_guard<std::mutex> lock(rateMutex);
-    rate = value;
+    return (static_cast<double>(n) - 1.0) * 1000.0 / (static_cast<double>(span) * 1e-6);
+}
+
+// The rate is computed outside rateMutex and only stored under it.
+void FrameRing::recordTake() {
+    if (const auto rate = pushStamp(dequeueStamps, clock())) {
+        MutexLock lock(&rateMutex);
+        dequeueRateValue = *rate;
+    }
 }

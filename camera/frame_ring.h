@@ -12,10 +12,9 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
+#include <optional>
 
 #include "rate_source.h"
 #include "thread_annotations.h"
@@ -82,19 +81,21 @@ public:
     int32_t servingIndex = -1;
 
 private:
-    void recordRate(std::deque<int64_t>& history, double& rate, int64_t stamp)
-        EXCLUDES(ringMutex, rateMutex);
+    // Appends `stamp` to `history` (keeping the newest kMaxStamps) and
+    // returns the rate over it; nothing below two stamps.
+    static std::optional<double> pushStamp(std::deque<int64_t>& history, int64_t stamp);
+    void recordTake() EXCLUDES(ringMutex, rateMutex);
 
     std::array<cv::Mat, kSlots> frames;
     int32_t writeIndex = 0;  // written by the producer only (under ringMutex)
     int32_t lastWritten GUARDED_BY(ringMutex) = -1;
     int32_t lastServed GUARDED_BY(ringMutex) = -1;
     std::array<int64_t, kSlots> commitStamps GUARDED_BY(ringMutex){};
-    std::condition_variable committed;
+    CondVar committed;  // signalled on every commit; waited on with ringMutex
     std::deque<int64_t> queueStamps;    // producer's
     std::deque<int64_t> dequeueStamps;  // consumer's
-    mutable std::mutex ringMutex;
-    mutable std::mutex rateMutex;
+    mutable Mutex ringMutex;
+    mutable Mutex rateMutex;
     double dequeueRateValue GUARDED_BY(rateMutex) = 0.0;
     double queueRateValue GUARDED_BY(rateMutex) = 0.0;
     Clock clock;

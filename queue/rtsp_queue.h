@@ -107,8 +107,9 @@ public:
 
 private:
     // Sleeps kOpenRetryPause before an opening attempt. With `stoppable`,
-    // stop() ends the pause early and the result is false.
-    bool pauseBeforeOpen(bool stoppable) EXCLUDES(pauseMutex);
+    // stop() ends the pause early and the result is false. Takes pauseMutex
+    // (a std::mutex, which the thread-safety analysis cannot name).
+    bool pauseBeforeOpen(bool stoppable);
     // Opens the capture, pausing before each attempt. False if stopped.
     bool openWithRetries(bool stoppable);
 
