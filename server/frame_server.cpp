@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,39 @@ namespace {
 constexpr int kMaxEvents = 10;
 constexpr size_t kReadSize = 1024;
 constexpr std::string_view kSingleImageMarker = "frame_id=";
+
+// How long a client that takes nothing may hold the main loop. Sends are
+// blocking, so a viewer that stops reading (a suspended phone browser) or
+// vanishes (out of Wi-Fi range, a pulled cable) would stall every other
+// viewer for as long as the kernel keeps its connection: without a bound,
+// forever or about 15 minutes of retransmissions. With TCP_USER_TIMEOUT the
+// kernel aborts the connection once data stays unacknowledged, or the
+// peer's receive window stays shut, for 10 s on end; the blocked send then
+// fails and the next pass removes the client. A living viewer, however slow,
+// acknowledges and opens its window again within that time, so it stays.
+// 10 s keeps the others' loss to about 10 s, once, with room for the zero-
+// window probes' timing under "about 15 s"; shorter would start cutting off
+// living viewers on a bad wireless link.
+constexpr int kUserTimeoutMs = 10'000;
+// Keep-alive finds a viewer that vanished while nothing was being sent to
+// it (connected without a request yet, or while the camera is away): the
+// first probe after 5 s of silence, then one a second. The connection is
+// dropped after 10 s without an answer, by the count (5 + 5 × 1 s) and by
+// the user timeout alike, which also governs keep-alive.
+constexpr int kKeepIdleS = 5;
+constexpr int kKeepIntervalS = 1;
+constexpr int kKeepCount = 5;
+
+// Failures are not reported: the connection works as before, only without
+// the bounds.
+void boundDeadPeers(int fd) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &kUserTimeoutMs, sizeof kUserTimeoutMs);
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &kKeepIdleS, sizeof kKeepIdleS);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &kKeepIntervalS, sizeof kKeepIntervalS);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &kKeepCount, sizeof kKeepCount);
+}
 
 uint16_t peerPort(const sockaddr_storage& addr) {
     if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(addr).sin_port);
@@ -139,6 +173,8 @@ int FrameServer::acceptClient() {
         perror("accept() failure");
         return -1;
     }
+
+    boundDeadPeers(fd);
 
     Client* client = new Client;
     client->addr = addr;

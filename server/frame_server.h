@@ -4,7 +4,9 @@
 //
 // Threading: everything here runs on one thread (the main loop's); there are
 // no locks. handleEvents() never waits for network events; sends to clients
-// are blocking, so a slow reader slows the caller.
+// are blocking, so a slow reader slows the caller. A client that takes
+// nothing for 10 s is cut off by the kernel (see boundDeadPeers), which
+// bounds how long one client can hold everyone else.
 //
 // Process-wide effect: the constructor sets SIGPIPE to be ignored, so writes
 // to closed connections anywhere in the process fail with EPIPE instead of
