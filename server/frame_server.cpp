@@ -28,11 +28,11 @@ constexpr std::string_view kSingleImageMarker = "frame_id=";
 // forever or about 15 minutes of retransmissions. With TCP_USER_TIMEOUT the
 // kernel aborts the connection once data stays unacknowledged, or the
 // peer's receive window stays shut, for 10 s on end; the blocked send then
-// fails and the next pass removes the client. A living viewer, however slow,
-// acknowledges and opens its window again within that time, so it stays.
-// 10 s keeps the others' loss to about 10 s, once, with room for the zero-
-// window probes' timing under "about 15 s"; shorter would start cutting off
-// living viewers on a bad wireless link.
+// fails and the next pass removes the client. A living viewer that keeps
+// reading, however slowly, acknowledges and reopens its window well within
+// that time, so it stays. 10 s keeps the others' loss to about 10 s, once,
+// and under 15 s whatever the kernel's probe timing adds; much shorter would
+// start cutting off living viewers on a poor wireless link.
 constexpr int kUserTimeoutMs = 10'000;
 // Keep-alive finds a viewer that vanished while nothing was being sent to
 // it (connected without a request yet, or while the camera is away): the
