@@ -1,17 +1,10 @@
 // A viewer that takes nothing more (stopped reading, or vanished) holds the
 // others only until the kernel drops its connection, after the server's
 // TCP_USER_TIMEOUT of 10 s; a slow but steady reader keeps its connection.
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <iostream>
-#include <thread>
 
 #include "support.h"
 
@@ -49,21 +42,20 @@ struct Viewer {
             if (allowed <= 0) std::this_thread::sleep_for(5ms);  // the reader's pace
             if (allowed <= 0 || poll(&p, 1, 50) <= 0) continue;
             const ssize_t n = recv(fd, buffer, std::min<long>(allowed, sizeof buffer), 0);
-            if ((ended = n <= 0)) return;
+            if ((broken = n <= 0)) return;
             bytes += n;
             parser.append({buffer, static_cast<size_t>(n)});
-            std::string_view jpeg;
-            for (size_t size; parser.next(jpeg, size) == PartParser::Result::part; lastPart = Clock::now()) {
+            for (std::string jpeg; parser.next(jpeg); lastPart = Clock::now()) {
                 const double gap = parts++ ? since(lastPart) : 0;
                 longestGap = std::max(longestGap.load(), gap);
                 freezes += gap > 3;
             }
-            malformed = parser.failed();
+            broken = parser.failed();
         }
     }
     const long rate;
     int fd = -1;
-    std::atomic<bool> stop{false}, ended{false}, malformed{false};
+    std::atomic<bool> stop{false}, broken{false};  // closed, reset or malformed
     std::atomic<int> parts{0}, freezes{0};
     std::atomic<long> bytes{0};
     std::atomic<double> longestGap{0};
@@ -104,9 +96,8 @@ protected:
             EXPECT_TRUE(waitFor([&] { return v->parts >= now + 60; }, 60s));
             EXPECT_LT(v->longestGap, 20.0);
             EXPECT_EQ(v->freezes, 1);
-            EXPECT_FALSE(v->ended || v->malformed);
+            EXPECT_FALSE(v->broken);
         }
-        std::cout << "[ figures  ] the others' longest gap: " << viewers[0]->longestGap << " s" << std::endl;
     }
     TestCamera camera;
     int port = freeLoopbackPort();
@@ -142,18 +133,15 @@ TEST_F(StallTest, ASingleImageRequestedDuringAStallIsAnsweredWhenItEnds) {
     }, 30s));
     single.sendText("GET /?frame_id=1 HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(single.readToEof(40s));
-    const std::string& got = single.data();
-    const size_t body = got.find("\r\n\r\n") + 4;
-    EXPECT_EQ(got.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
-    EXPECT_NE(got.find("Content-Length: " + std::to_string(got.size() - body) + "\r\n"), std::string::npos);
-    EXPECT_EQ(got.substr(body, 2), "\xff\xd8");
+    EXPECT_EQ(single.data().rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+    EXPECT_NE(single.data().find("\r\n\r\n\xff\xd8"), std::string::npos);
 }
 
 TEST_F(StallTest, ASlowButSteadyReaderKeepsItsConnectionForAMinute) {
     constexpr long kRate = 64 * 1024;
     Viewer slow("127.0.0.1", port, kRate);
     const auto start = Clock::now();
-    EXPECT_FALSE(waitFor([&] { return slow.ended || slow.malformed; }, 60s));
+    EXPECT_FALSE(waitFor([&] { return slow.broken.load(); }, 60s));
     // It read at its own pace all along: the server always had more for it.
     EXPECT_GT(slow.bytes, 0.9 * kRate * since(start));
 }
