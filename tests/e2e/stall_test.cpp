@@ -115,10 +115,15 @@ TEST_F(StallTest, AViewerThatStopsReadingFreezesTheOthersOnceAndIsCutOff) {
 // A pulled cable: the viewer streams through a veth pair from a namespace of
 // its own, until its end of the pair goes down.
 TEST_F(StallTest, AViewerThatVanishesFreezesTheOthersOnceAndIsCutOff) {
+    // Loopback-range addresses on both ends (route_localnet): nothing here
+    // can ever mean a host outside the test's namespaces.
     ASSERT_EQ(std::system("ip netns add far && ip link add vs0 type veth peer name vs1 netns far && "
-                          "ip addr add 10.213.0.1/24 dev vs0 && ip link set vs0 up && "
-                          "ip -n far addr add 10.213.0.2/24 dev vs1 && ip -n far link set vs1 up"), 0);
-    Viewer vanishing("10.213.0.1", port, 0, "/var/run/netns/far");
+                          "sysctl -qw net.ipv4.conf.all.route_localnet=1 net.ipv4.conf.vs0.route_localnet=1 && "
+                          "ip netns exec far sysctl -qw net.ipv4.conf.all.route_localnet=1 && "
+                          "ip netns exec far sysctl -qw net.ipv4.conf.vs1.route_localnet=1 && "
+                          "ip addr add 127.213.0.1/24 dev vs0 && ip link set vs0 up && "
+                          "ip -n far addr add 127.213.0.2/24 dev vs1 && ip -n far link set vs1 up"), 0);
+    Viewer vanishing("127.213.0.1", port, 0, "/var/run/netns/far");
     ASSERT_TRUE(waitFor([&] { return vanishing.parts >= 10; }, 30s));
     expectOneFreeze([] { EXPECT_EQ(std::system("ip -n far link set vs1 down"), 0); });
 }
