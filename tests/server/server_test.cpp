@@ -1,6 +1,7 @@
 // The frame server on real loopback sockets: request bytes to client state,
 // the bytes each kind of client gets, and clients coming and going.
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -108,6 +109,15 @@ TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
     std::vector<uint16_t> listed;
     for (const Client* c : server.clientList()) listed.push_back(c->port);
     EXPECT_EQ(listed, ports);  // newest first
+    // A viewer that takes nothing (stopped, or vanished) is dropped after 10 s.
+    std::vector<int> bounds;
+    const std::pair<int, int> options[] = {{IPPROTO_TCP, TCP_USER_TIMEOUT}, {SOL_SOCKET, SO_KEEPALIVE},
+                                           {IPPROTO_TCP, TCP_KEEPIDLE}, {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}};
+    for (const auto& [level, option] : options) {
+        socklen_t size = sizeof(int);
+        getsockopt(server.clientList().back()->fd, level, option, &bounds.emplace_back(), &size);
+    }
+    EXPECT_EQ(bounds, (std::vector<int>{10'000, 1, 5, 1, 5}));
 
     // A half-closed client goes with its request unread; a vanished
     // streaming client makes sends fail (errno on stderr) until the next pass.
