@@ -15,16 +15,6 @@ using namespace support;
 
 namespace {
 
-std::string shell(const std::string& command) {
-    std::string out;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-        pclose(pipe);
-    }
-    return out;
-}
-
 class EndToEnd : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(camera.start()); }
@@ -62,9 +52,9 @@ TEST_F(EndToEnd, RealClientsGetTheStream) {
     };
     for (const auto& [command, file] : cases) {
         SCOPED_TRACE(command);
-        const std::string out = shell(command + " 2>&1");
+        std::system((command + " >" + dir.file("out") + " 2>&1").c_str());
         const cv::Mat picture = cv::imread(dir.file(file));
-        ASSERT_EQ(picture.size(), cv::Size(1280, 720)) << out;
+        ASSERT_EQ(picture.size(), cv::Size(1280, 720)) << readFile(dir.file("out"));
         cv::Scalar mean, deviation;
         cv::meanStdDev(picture, mean, deviation);
         EXPECT_GT(deviation[0] + deviation[1] + deviation[2], 20.0);  // a picture, not a blank page

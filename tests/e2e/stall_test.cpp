@@ -72,12 +72,6 @@ protected:
             EXPECT_FALSE(v->broken);
         }
     }
-    // curl as a viewer of its own, started through `prefix`; its stream goes to a file.
-    std::string curl(Process& process, const std::string& prefix, const std::string& host) {
-        process.start({"/bin/sh", "-c", prefix + " curl -sN -o " + dir.file("curl") + " http://" + host + ":" +
-                                            std::to_string(port) + "/"});
-        return dir.file("curl");
-    }
     TestCamera camera;
     int port = freeLoopbackPort();
     std::unique_ptr<ServerProcess> server;
@@ -102,8 +96,9 @@ TEST_F(StallTest, AViewerThatVanishesFreezesTheOthersOnceAndIsCutOff) {
                           "ip addr add 127.213.0.1/24 dev vs0 && ip link set vs0 up && "
                           "ip -n far addr add 127.213.0.2/24 dev vs1 && ip -n far link set vs1 up"), 0);
     Process vanishing;
-    const std::string file = curl(vanishing, "exec ip netns exec far", "127.213.0.1");
-    ASSERT_TRUE(waitFor([&] { return readFile(file).size() > 300'000; }, 30s));
+    vanishing.start({"/sbin/ip", "netns", "exec", "far", "curl", "-sN", "-o", dir.file("curl"),
+                     "http://127.213.0.1:" + std::to_string(port) + "/"});
+    ASSERT_TRUE(waitFor([&] { return readFile(dir.file("curl")).size() > 300'000; }, 30s));
     expectOneFreeze([] { EXPECT_EQ(std::system("ip -n far link set vs1 down"), 0); });
 }
 
