@@ -3,6 +3,7 @@
 #include <opencv2/core/hal/intrin.hpp>
 
 #include <cstdint>
+#include <cstring>
 
 namespace {
 
@@ -38,33 +39,36 @@ void scalarPixels(const uchar* r0, const uchar* r1, const uchar* r2, uchar* out0
 using cv::v_uint16x8;
 using cv::v_uint8x16;
 
-// Row sums of 16 output pixel pairs of one channel, from 48 source pixels.
-struct Sums {
-    v_uint16x8 evenLo, evenHi, oddLo, oddHi;
+// A block is 48 source pixels (144 bytes) of three rows giving 32 output
+// pixels of two rows. Byte i of a block starts a row sum with byte i + 3:
+// 3 a + b where i mod 9 < 3 (first channel bytes of an even output
+// pixel), a + 3 b where 3 <= i mod 9 < 6 (odd output pixel); bytes with
+// i mod 9 >= 6 produce nothing. kHeavyLeft[c] marks the first kind in the
+// 8 lanes from byte 8c; the pattern repeats every 72 bytes.
+struct HeavyLeftMasks {
+    v_uint16x8 lanes[9];
+    HeavyLeftMasks() {
+        for (int c = 0; c < 9; ++c) {
+            ushort m[8];
+            for (int i = 0; i < 8; ++i) m[i] = (8 * c + i) % 9 < 3 ? 0xFFFF : 0;
+            lanes[c] = cv::v_load(m);
+        }
+    }
 };
 
-inline v_uint16x8 triplePlus(const v_uint16x8& heavy, const v_uint16x8& light) {
-    return heavy + heavy + heavy + light;
-}
-
-// The three channel planes of 48 source pixels, each split by pixel index
-// modulo 3, then summed to the output pairs' row sums.
-inline void rowSums(const uchar* src, Sums (&sums)[3]) {
-    v_uint8x16 plane[3][3];  // [channel][16-pixel group]
-    for (int g = 0; g < 3; ++g) {
-        cv::v_load_deinterleave(src + 48 * g, plane[0][g], plane[1][g], plane[2][g]);
-    }
-    alignas(16) uchar staged[48];
-    for (int c = 0; c < 3; ++c) {
-        for (int g = 0; g < 3; ++g) cv::v_store_aligned(staged + 16 * g, plane[c][g]);
-        v_uint8x16 p0, p1, p2;
-        cv::v_load_deinterleave(staged, p0, p1, p2);
-        v_uint16x8 p0lo, p0hi, p1lo, p1hi, p2lo, p2hi;
-        cv::v_expand(p0, p0lo, p0hi);
-        cv::v_expand(p1, p1lo, p1hi);
-        cv::v_expand(p2, p2lo, p2hi);
-        sums[c] = {triplePlus(p0lo, p1lo), triplePlus(p0hi, p1hi), triplePlus(p2lo, p1lo),
-                   triplePlus(p2hi, p1hi)};
+// Row sums of one source row's block, one per byte (see above). Reads
+// 3 bytes past the block.
+inline void rowSums(const uchar* src, const HeavyLeftMasks& heavyLeft, v_uint16x8 (&sums)[18]) {
+#pragma GCC unroll 9
+    for (int c = 0; c < 9; ++c) {
+        v_uint16x8 a[2], b[2];
+        cv::v_expand(cv::v_load(src + 16 * c), a[0], a[1]);
+        cv::v_expand(cv::v_load(src + 16 * c + 3), b[0], b[1]);
+        for (int half = 0; half < 2; ++half) {
+            const int lanes = 2 * c + half;
+            const v_uint16x8 heavy = cv::v_select(heavyLeft.lanes[lanes % 9], a[half], b[half]);
+            sums[lanes] = a[half] + b[half] + (heavy << 1);
+        }
     }
 }
 
@@ -72,32 +76,30 @@ inline v_uint16x8 combine(const v_uint16x8& heavy, const v_uint16x8& light) {
     return ((heavy + heavy + heavy) >> 2) + (light >> 2);
 }
 
-// 16 output pixels of one row and channel as even/odd pairs, interleaved
-// back into pixel order: pixels 0-15 in `lo`, 16-31 in `hi`.
-inline void outputPlane(const Sums& heavy, const Sums& light, v_uint8x16& lo, v_uint8x16& hi) {
-    const v_uint8x16 even = cv::v_rshr_pack<2>(combine(heavy.evenLo, light.evenLo),
-                                               combine(heavy.evenHi, light.evenHi));
-    const v_uint8x16 odd = cv::v_rshr_pack<2>(combine(heavy.oddLo, light.oddLo),
-                                              combine(heavy.oddHi, light.oddHi));
-    cv::v_zip(even, odd, lo, hi);
+// One output row of the block: the vertical step on every byte, then the
+// six bytes (two pixels) of each nine kept.
+inline void outputRow(const v_uint16x8 (&heavy)[18], const v_uint16x8 (&light)[18], uchar* out) {
+    alignas(16) uchar all[144];
+#pragma GCC unroll 9
+    for (int c = 0; c < 9; ++c) {
+        cv::v_store_aligned(all + 16 * c, cv::v_rshr_pack<2>(combine(heavy[2 * c], light[2 * c]),
+                                                             combine(heavy[2 * c + 1], light[2 * c + 1])));
+    }
+    // Eight bytes at a time, each store's last two overwritten by the next.
+#pragma GCC unroll 15
+    for (int g = 0; g < 15; ++g) std::memcpy(out + 6 * g, all + 9 * g, 8);
+    std::memcpy(out + 90, all + 135, 6);
 }
 
-// 32 output pixels of rows 2k and 2k+1 from 48 source pixels of rows 3k to
-// 3k+2. Reads all its input before it writes.
-inline void simdBlock(const uchar* r0, const uchar* r1, const uchar* r2, uchar* out0, uchar* out1) {
-    Sums s0[3], s1[3], s2[3];
-    rowSums(r0, s0);
-    rowSums(r1, s1);
-    rowSums(r2, s2);
-    v_uint8x16 lo0[3], hi0[3], lo1[3], hi1[3];
-    for (int c = 0; c < 3; ++c) {
-        outputPlane(s0[c], s1[c], lo0[c], hi0[c]);
-        outputPlane(s2[c], s1[c], lo1[c], hi1[c]);
-    }
-    cv::v_store_interleave(out0, lo0[0], lo0[1], lo0[2]);
-    cv::v_store_interleave(out0 + 48, hi0[0], hi0[1], hi0[2]);
-    cv::v_store_interleave(out1, lo1[0], lo1[1], lo1[2]);
-    cv::v_store_interleave(out1 + 48, hi1[0], hi1[1], hi1[2]);
+// Reads all of its input (and 3 bytes past it) before it writes.
+inline void simdBlock(const uchar* r0, const uchar* r1, const uchar* r2, uchar* out0, uchar* out1,
+                      const HeavyLeftMasks& heavyLeft) {
+    v_uint16x8 s0[18], s1[18], s2[18];
+    rowSums(r0, heavyLeft, s0);
+    rowSums(r1, heavyLeft, s1);
+    rowSums(r2, heavyLeft, s2);
+    outputRow(s0, s1, out0);
+    outputRow(s2, s1, out1);
 }
 #endif
 
@@ -114,6 +116,9 @@ void scaleThreeToTwo(cv::Mat& image, cv::Size to) {
     // Output row y lands on source row y, which no later output row reads
     // (they read rows from 3y/2 on); within rows 0 and 1 each block reads
     // its 48 source pixels before writing 32, and never reads behind them.
+#if CV_SIMD128
+    static const HeavyLeftMasks heavyLeft;
+#endif
     for (int k = 0; k < to.height / 2; ++k) {
         const uchar* r0 = image.ptr<uchar>(3 * k);
         const uchar* r1 = image.ptr<uchar>(3 * k + 1);
@@ -122,9 +127,13 @@ void scaleThreeToTwo(cv::Mat& image, cv::Size to) {
         uchar* out1 = image.ptr<uchar>(2 * k + 1);
         int x = 0;
 #if CV_SIMD128
-        for (; x + 32 <= to.width; x += 32) {
+        // A block reads 3 bytes past its source pixels: the last block of
+        // the last rows is left to the scalar loop, so nothing is read past
+        // the image.
+        const bool lastRows = k + 1 == to.height / 2;
+        for (; x + 32 <= to.width && !(lastRows && x + 32 == to.width); x += 32) {
             simdBlock(r0 + 3 * x * 3 / 2, r1 + 3 * x * 3 / 2, r2 + 3 * x * 3 / 2, out0 + 3 * x,
-                      out1 + 3 * x);
+                      out1 + 3 * x, heavyLeft);
         }
 #endif
         scalarPixels(r0, r1, r2, out0, out1, x, to.width);
