@@ -35,7 +35,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "mjpeg_parts.h"
+#include "support.h"  // PartParser, shared with the tests
 
 namespace {
 
@@ -74,7 +74,15 @@ int connectClient(int port) {
     int fd = -1;
     for (int attempt = 0; fd < 0; ++attempt) {
         fd = socket(AF_INET, SOCK_STREAM, 0);
-        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) break;
+        sockaddr_in local{};
+        socklen_t length = sizeof local;
+        // A connect to a port nobody listens on yet can meet itself (same
+        // source and destination port): that is not the server.
+        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+            getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+            local.sin_port != addr.sin_port) {
+            break;
+        }
         if (fd >= 0) close(fd);
         fd = -1;
         if (attempt == 200) die("cannot connect to 127.0.0.1:" + std::to_string(port));
@@ -89,7 +97,7 @@ int connectClient(int port) {
 
 struct Stream {
     int fd;
-    PartParser parser{StreamFormat::server};
+    support::PartParser parser;
     std::string tail;  // last bytes of the previous read (--stdin)
     std::unordered_set<std::size_t> seen;
     bool started = false;
@@ -164,18 +172,17 @@ int main(int argc, char** argv) {
                 s.tail.erase(0, s.tail.size() > 5 ? s.tail.size() - 5 : 0);
                 continue;
             }
-            const ssize_t n = read(s.fd, s.parser.space(64 * 1024), 64 * 1024);
+            const ssize_t n = read(s.fd, chunk.data(), chunk.size());
             if (n <= 0) die("client " + std::to_string(i) + ": the stream ended");
-            s.parser.commit(static_cast<std::size_t>(n));
-            std::string_view jpeg;
-            std::size_t partBytes = 0;
-            for (PartParser::Result r; (r = s.parser.next(jpeg, partBytes)) != PartParser::Result::needMore;) {
-                if (r == PartParser::Result::error) die("client " + std::to_string(i) + ": " + s.parser.error());
-                const std::size_t hash = std::hash<std::string_view>{}(jpeg);
+            s.parser.append(std::string(chunk.data(), static_cast<std::size_t>(n)));
+            std::string jpeg;
+            while (s.parser.next(jpeg)) {
+                const std::size_t hash = std::hash<std::string>{}(jpeg);
                 s.started = true;
                 s.seen.insert(hash);
                 if (inWindow) windowFrames.emplace(hash, jpeg.size());
             }
+            if (s.parser.failed()) die("client " + std::to_string(i) + ": malformed part");
         }
     }
 

@@ -15,7 +15,7 @@
 // a benchmark measures its clients. --size, --fps and --stamp do not apply.
 //
 // With --stamp every frame also carries the wall-clock time of its generation
-// as two rows of black and white blocks along its bottom edge (bench/stamp.h), so
+// as two rows of black and white blocks along its bottom edge (stamp.h), so
 // a benchmark can tell how old each served frame is.
 //
 // When ready it prints exactly one line, "rtsp://127.0.0.1:PORT/PATH", on
@@ -36,7 +36,7 @@
 #include <string>
 #include <vector>
 
-#include "../bench/stamp.h"
+#include "stamp.h"
 
 namespace {
 
