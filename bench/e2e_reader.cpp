@@ -22,6 +22,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -65,38 +66,34 @@ long vmHwmKib(long pid) {
     return -1;
 }
 
-// Retries for ten seconds: the server may not be listening yet.
-int connectClient(int port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int fd = -1;
-    for (int attempt = 0; fd < 0; ++attempt) {
-        fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in local{};
-        socklen_t length = sizeof local;
-        // A connect to a port nobody listens on yet can meet itself (same
-        // source and destination port): that is not the server.
-        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-            getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
-            local.sin_port != addr.sin_port) {
-            break;
-        }
-        if (fd >= 0) close(fd);
-        fd = -1;
-        if (attempt == 200) die("cannot connect to 127.0.0.1:" + std::to_string(port));
-        usleep(50000);
-    }
-    const std::string request = "GET / HTTP/1.1\r\n\r\n";
-    if (write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
-        die("cannot send the request");
+// A non-blocking connection attempt to the server; -1 if none could start.
+int startConnect(int port) {
+    const sockaddr_in addr = support::loopback(port);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 &&
+        errno != EINPROGRESS) {
+        close(fd);
+        return -1;
     }
     return fd;
 }
 
+// Whether a connection that became writable reached the server: not
+// refused (not listening yet) and not met with itself (a connect to a port
+// nobody listens on can pick that port as its own).
+bool reachedServer(int fd, int port) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    sockaddr_in local{};
+    socklen_t localLength = sizeof local;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0 &&
+           getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) == 0 &&
+           ntohs(local.sin_port) != port;
+}
+
 struct Stream {
-    int fd;
+    int fd = -1;
+    bool requested = false;  // connected and the request sent
     support::PartParser parser;
     std::string tail;  // last bytes of the previous read (--stdin)
     std::unordered_set<std::size_t> seen;
@@ -123,8 +120,10 @@ int main(int argc, char** argv) {
     }
     if (pid <= 0 || clients < 1 || (!fromStdin && port <= 0)) die("need --pid and --port or --stdin");
 
+    // Clients connect while the others are read: the server accepts one
+    // client per frame and blocks sending to a client that does not read.
     std::vector<Stream> streams(fromStdin ? 1 : static_cast<std::size_t>(clients));
-    for (Stream& s : streams) s.fd = fromStdin ? STDIN_FILENO : connectClient(port);
+    if (fromStdin) streams[0].fd = STDIN_FILENO, streams[0].requested = true;
 
     const auto seconds = [](double s) {
         return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
@@ -154,11 +153,26 @@ int main(int argc, char** argv) {
         if (now >= windowEnd + std::chrono::seconds(1)) break;
         const bool inWindow = now >= windowStart && now < windowEnd;
 
-        for (std::size_t i = 0; i < streams.size(); ++i) fds[i] = {streams[i].fd, POLLIN, 0};
+        for (std::size_t i = 0; i < streams.size(); ++i) {
+            Stream& s = streams[i];
+            if (s.fd < 0) s.fd = startConnect(port);
+            fds[i] = {s.fd, static_cast<short>(s.requested ? POLLIN : POLLOUT), 0};
+        }
         if (poll(fds.data(), fds.size(), 100) < 0) die("poll failed");
         for (std::size_t i = 0; i < streams.size(); ++i) {
             if (fds[i].revents == 0) continue;
             Stream& s = streams[i];
+            if (!s.requested) {
+                const std::string request = "GET / HTTP/1.1\r\n\r\n";
+                if (!reachedServer(s.fd, port) ||
+                    write(s.fd, request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+                    close(s.fd);
+                    s.fd = -1;  // again in the next round
+                } else {
+                    s.requested = true;
+                }
+                continue;
+            }
             if (fromStdin) {
                 const ssize_t n = read(s.fd, chunk.data(), chunk.size());
                 if (n <= 0) die("the stream ended");
@@ -173,6 +187,7 @@ int main(int argc, char** argv) {
                 continue;
             }
             const ssize_t n = read(s.fd, chunk.data(), chunk.size());
+            if (n < 0 && errno == EAGAIN) continue;
             if (n <= 0) die("client " + std::to_string(i) + ": the stream ended");
             s.parser.append(std::string(chunk.data(), static_cast<std::size_t>(n)));
             std::string jpeg;

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "probe.h"
-#include "scale_three_to_two.h"
 
 namespace {
 constexpr int kProbeTimeoutSeconds = 2;
@@ -69,10 +68,9 @@ void Camera::stop() {
 void Camera::readLoop() {
     do {
         // Decode straight into the ring's write slot: no intermediate copy.
-        // A slot that composition scaled in its own buffer is a view of that
-        // buffer; given the whole of it back, a frame of the same size is
-        // decoded into it without allocating.
-        reclaimBuffer(ring.writeSlot());
+        // A slot holding a composed frame first gets a spare buffer of the
+        // decoded size back from the composer, so decoding allocates nothing.
+        composer.buffers.prepareForDecode(ring.writeSlot());
         decodeGuarded([this](cv::Mat& slot) { capture >> slot; }, ring.writeSlot());
         if (ring.writeSlot().empty()) {
             logEvent(g_log, "Empty frame");

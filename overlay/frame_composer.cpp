@@ -78,7 +78,9 @@ std::string FrameComposer::composeFrame(cv::Mat& slot, std::vector<uchar>& jpegB
 void FrameComposer::scaleToOutput(cv::Mat& frame) {
     const cv::Size output(kOutputWidth, kOutputHeight);
     if (canScaleThreeToTwo(frame, output)) {
-        scaleThreeToTwo(frame, output);
+        cv::Mat scaled = buffers.takeOutputBuffer(output, frame.type());
+        scaleThreeToTwo(frame, scaled, output);
+        buffers.putDecodeBuffer(std::exchange(frame, scaled));
     } else {
         // In place: the library gives the slot a new buffer when the size
         // changes and leaves a frame that is already 1280 x 720 as it is.

@@ -4,9 +4,10 @@
 //
 // The bytes are those of cv::resize (INTER_LINEAR) and cv::imencode with
 // encodeParams; two faster paths give the same bytes and are chosen by the
-// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo, in their
-// own buffer, and 8-bit 3-channel frames are encoded by JpegWriter when the
-// parameters are a quality alone. Anything else takes the library calls.
+// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo into a
+// buffer from `buffers`, and 8-bit 3-channel frames are encoded by
+// JpegWriter when the parameters are a quality alone. Anything else takes
+// the library calls.
 //
 // Owns: the overlay file state, the overlay canvas, the encoder and its
 // parameters, and the output buffer of composeFrame(slot). Main thread only (the consumer of the frame ring); the only
@@ -43,6 +44,7 @@
 #include <string>
 #include <vector>
 
+#include "buffer_exchange.h"
 #include "jpeg_writer.h"
 #include "overlay_file.h"
 #include "rate_source.h"
@@ -73,15 +75,16 @@ public:
     // empty result and is left alone). Scales the slot in place to
     // 1280 x 720, applies the overlays and encodes it; the slot keeps the
     // composed frame. Returns the JPEG bytes, empty if the encoder made none.
-    // A 1920 x 1080 slot becomes a 1280 x 720 view of its own buffer:
-    // reclaimBuffer() (scale_three_to_two.h) gives it back before the next
-    // decode. The encoder writes into a member buffer reused frame to frame.
+    // A 1920 x 1080 slot is scaled into a buffer from `buffers` and its own
+    // buffer goes there, for the read thread to decode into again: so no
+    // other Mat may share the slot's buffer. The encoder writes into a member
+    // buffer reused frame to frame.
     std::string composeFrame(cv::Mat& slot);
     // Same, encoding into the caller's vector, which keeps its capacity.
     std::string composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer);
 
     // The scaling step alone: `frame` becomes 1280 x 720.
-    static void scaleToOutput(cv::Mat& frame);
+    void scaleToOutput(cv::Mat& frame);
     // The encoding step alone, into `out` (replacing its content).
     void encode(const cv::Mat& frame, std::vector<uchar>& out);
 
@@ -98,6 +101,8 @@ public:
     void drawImage(const char* path);
 
     std::vector<int> encodeParams{cv::IMWRITE_JPEG_QUALITY, 55};
+    // The only member the read thread may use (prepareForDecode).
+    BufferExchange buffers;
     // The copy of the frame the overlays are drawn on; keeps its buffer.
     // After a pass only the areas drawn in hold the frame's pixels.
     cv::Mat overlayCanvas;

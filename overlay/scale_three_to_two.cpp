@@ -91,7 +91,7 @@ inline void outputRow(const v_uint16x8 (&heavy)[18], const v_uint16x8 (&light)[1
     std::memcpy(out + 90, all + 135, 6);
 }
 
-// Reads all of its input (and 3 bytes past it) before it writes.
+// Reads 3 bytes past its input.
 inline void simdBlock(const uchar* r0, const uchar* r1, const uchar* r2, uchar* out0, uchar* out1,
                       const HeavyLeftMasks& heavyLeft) {
     v_uint16x8 s0[18], s1[18], s2[18];
@@ -111,20 +111,18 @@ bool canScaleThreeToTwo(const cv::Mat& image, cv::Size to) {
            image.rows * 2 == to.height * 3;
 }
 
-void scaleThreeToTwo(cv::Mat& image, cv::Size to) {
-    CV_Assert(canScaleThreeToTwo(image, to));
-    // Output row y lands on source row y, which no later output row reads
-    // (they read rows from 3y/2 on); within rows 0 and 1 each block reads
-    // its 48 source pixels before writing 32, and never reads behind them.
+void scaleThreeToTwo(const cv::Mat& src, cv::Mat& dst, cv::Size to) {
+    CV_Assert(canScaleThreeToTwo(src, to));
+    dst.create(to, CV_8UC3);
 #if CV_SIMD128
     static const HeavyLeftMasks heavyLeft;
 #endif
     for (int k = 0; k < to.height / 2; ++k) {
-        const uchar* r0 = image.ptr<uchar>(3 * k);
-        const uchar* r1 = image.ptr<uchar>(3 * k + 1);
-        const uchar* r2 = image.ptr<uchar>(3 * k + 2);
-        uchar* out0 = image.ptr<uchar>(2 * k);
-        uchar* out1 = image.ptr<uchar>(2 * k + 1);
+        const uchar* r0 = src.ptr<uchar>(3 * k);
+        const uchar* r1 = src.ptr<uchar>(3 * k + 1);
+        const uchar* r2 = src.ptr<uchar>(3 * k + 2);
+        uchar* out0 = dst.ptr<uchar>(2 * k);
+        uchar* out1 = dst.ptr<uchar>(2 * k + 1);
         int x = 0;
 #if CV_SIMD128
         // A block reads 3 bytes past its source pixels: the last block of
@@ -138,15 +136,4 @@ void scaleThreeToTwo(cv::Mat& image, cv::Size to) {
 #endif
         scalarPixels(r0, r1, r2, out0, out1, x, to.width);
     }
-    image = image(cv::Rect(0, 0, to.width, to.height));
-}
-
-void reclaimBuffer(cv::Mat& image) {
-    if (image.empty() || image.dims != 2) return;
-    cv::Size whole;
-    cv::Point offset;
-    image.locateROI(whole, offset);
-    if (whole == image.size()) return;
-    image.adjustROI(offset.y, whole.height - offset.y - image.rows, offset.x,
-                    whole.width - offset.x - image.cols);
 }

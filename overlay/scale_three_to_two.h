@@ -17,13 +17,7 @@
 // exactly 3/2 of `to`.
 bool canScaleThreeToTwo(const cv::Mat& image, cv::Size to);
 
-// REQUIRES: canScaleThreeToTwo(image, to). Scales `image` in its own
-// buffer: afterwards `image` is a `to`-sized view of the top-left corner of
-// that buffer (same row step), so the buffer is neither freed nor
-// allocated. reclaimBuffer() turns it back into the whole buffer.
-void scaleThreeToTwo(cv::Mat& image, cv::Size to);
-
-// Makes a view that scaleThreeToTwo left behind cover its whole buffer
-// again, so that the next frame of the original size is decoded into it
-// without an allocation. Leaves any other image as it is.
-void reclaimBuffer(cv::Mat& image);
+// REQUIRES: canScaleThreeToTwo(src, to); `dst` does not share memory with
+// `src`. Gives `dst` the size `to` (allocating only if it has another size
+// or type) and fills it.
+void scaleThreeToTwo(const cv::Mat& src, cv::Mat& dst, cv::Size to);
