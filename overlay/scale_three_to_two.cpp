@@ -7,11 +7,11 @@
 
 namespace {
 
-// Row sums of one output pixel pair from three source pixels p0 p1 p2 of
-// one channel: the even output pixel is 3 p0 + p1, the odd one p1 + 3 p2.
-// Then the vertical step of the library, on the sums of two source rows
-// where `top` has the weight 1536 and `bottom` 512 (either may be the upper
-// row in the picture).
+// Output rows 2k and 2k+1 come from source rows 3k..3k+2, output pixels
+// 2j and 2j+1 from source pixels 3j..3j+2, each from the nearer pair with
+// weights 3/4 and 1/4. A row sum is 3 * heavier + lighter (exact); the
+// vertical step combines the row sums of two rows, `heavy` the row with the
+// weight 3/4, with the library's truncations.
 inline uchar combine(int heavy, int light) {
     return static_cast<uchar>((((3 * heavy) >> 2) + (light >> 2) + 2) >> 2);
 }
@@ -21,10 +21,9 @@ inline uchar combine(int heavy, int light) {
 void scalarPixels(const uchar* r0, const uchar* r1, const uchar* r2, uchar* out0, uchar* out1,
                   int from, int to) {
     for (int x = from; x < to; ++x) {
-        const int k = x / 2;
-        const int left = (x % 2 == 0) ? 3 * k : 3 * k + 1;  // heavier source pixel first
-        const int heavyPixel = (x % 2 == 0) ? left : left + 1;
-        const int lightPixel = (x % 2 == 0) ? left + 1 : left;
+        const int first = 3 * (x / 2);  // of the three source pixels
+        const int heavyPixel = (x % 2 == 0) ? first : first + 2;
+        const int lightPixel = first + 1;
         for (int c = 0; c < 3; ++c) {
             auto sum = [&](const uchar* row) {
                 return 3 * row[3 * heavyPixel + c] + row[3 * lightPixel + c];

@@ -15,8 +15,8 @@
 // a benchmark measures its clients. --size, --fps and --stamp do not apply.
 //
 // With --stamp every frame also carries the wall-clock time of its generation
-// as two rows of black and white blocks along its bottom edge (stamp.h), so
-// a benchmark can tell how old each served frame is.
+// as two rows of black and white blocks along its bottom edge (stamp.h,
+// which also reads them back), so a client can tell how old a frame is.
 //
 // When ready it prints exactly one line, "rtsp://127.0.0.1:PORT/PATH", on
 // stdout. SIGINT and SIGTERM end it with status 0.
