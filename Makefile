@@ -20,7 +20,7 @@ ARM64_ROOT ?= $(HOME)/.cache/video-server/arm64-root
 ARM64_TESTS ?= app_tests camera_tests overlay_tests server_tests
 ARM64_GTEST_FILTER ?= -CameraTest.ServesEachFrameOnce*
 
-.PHONY: deps build test test-sanitize test-asan test-tsan fuzz soak demo bench clean \
+.PHONY: deps build test test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e clean \
 	install cross-arm64 test-arm64
 
 deps:
@@ -59,14 +59,20 @@ soak: build
 demo: build
 	scripts/demo $(BUILD_DIR)
 
-# Micro-benchmarks, then the commit-to-socket delay with ten clients for a
-# 1080p and a 720p camera.
-bench: build
-	$(BUILD_DIR)/bench-compose
-	$(BUILD_DIR)/bench-ring
+# Benchmarks need a photograph for their scene (mate-backgrounds) besides
+# what install-deps brings (the GStreamer and ffmpeg baselines).
+bench-deps: deps
+	@dpkg-query -W -f='$${Status}' mate-backgrounds 2>/dev/null | grep -q "ok installed" || \
+		{ apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends mate-backgrounds; }
 
-# Server against ffmpeg, end to end (needs root: runs in private namespaces).
-bench-e2e: build
+# Composition of one frame on the photograph, and the faster steps against
+# the library calls they replace.
+bench: build bench-deps
+	$(BUILD_DIR)/bench-compose
+
+# The server against GStreamer and ffmpeg on a replayed real scene, same run
+# (needs root: runs in private namespaces; about 20 minutes).
+bench-e2e: build bench-deps
 	bench/e2e --build $(BUILD_DIR)
 
 # The server, its systemd units, health check and log rotation rule,

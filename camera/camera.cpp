@@ -68,6 +68,9 @@ void Camera::stop() {
 void Camera::readLoop() {
     do {
         // Decode straight into the ring's write slot: no intermediate copy.
+        // A slot holding a composed frame first gets a spare buffer of the
+        // decoded size back from the composer, so decoding allocates nothing.
+        composer.buffers.prepareForDecode(ring.writeSlot());
         decodeGuarded([this](cv::Mat& slot) { capture >> slot; }, ring.writeSlot());
         if (ring.writeSlot().empty()) {
             logEvent(g_log, "Empty frame");

@@ -11,6 +11,8 @@
 #include <ctime>
 #include <utility>
 
+#include "scale_three_to_two.h"
+
 namespace {
 
 constexpr int kFont = cv::FONT_HERSHEY_DUPLEX;
@@ -62,20 +64,38 @@ bool isSafeRateFormat(const char* format) {
 FrameComposer::FrameComposer(const RateSource& rateSource, std::string overlayPath)
     : overlayFile(std::move(overlayPath)), rates(rateSource) {}
 
-std::string FrameComposer::composeFrame(cv::Mat& slot) {
-    std::vector<uchar> jpegBuffer;
-    return composeFrame(slot, jpegBuffer);
-}
+std::string FrameComposer::composeFrame(cv::Mat& slot) { return composeFrame(slot, jpegOutput); }
 
 std::string FrameComposer::composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer) {
     jpegBuffer.clear();
     if (slot.empty()) return std::string();
-    // In place: the library gives the slot a new buffer when the size changes
-    // and leaves a frame that is already 1280 x 720 as it is.
-    cv::resize(slot, slot, cv::Size(kOutputWidth, kOutputHeight), 0, 0, cv::INTER_LINEAR);
+    scaleToOutput(slot);
     applyOverlays(slot);
-    cv::imencode(".jpg", slot, jpegBuffer, encodeParams);
+    encode(slot, jpegBuffer);
     return std::string(jpegBuffer.begin(), jpegBuffer.end());
+}
+
+void FrameComposer::scaleToOutput(cv::Mat& frame) {
+    const cv::Size output(kOutputWidth, kOutputHeight);
+    if (canScaleThreeToTwo(frame, output)) {
+        cv::Mat scaled = buffers.takeOutputBuffer(output, frame.type());
+        scaleThreeToTwo(frame, scaled, output);
+        buffers.putDecodeBuffer(std::exchange(frame, scaled));
+    } else {
+        // In place: the library gives the slot a new buffer when the size
+        // changes and leaves a frame that is already 1280 x 720 as it is.
+        cv::resize(frame, frame, output, 0, 0, cv::INTER_LINEAR);
+    }
+}
+
+void FrameComposer::encode(const cv::Mat& frame, std::vector<uchar>& out) {
+    const bool qualityOnly = encodeParams.size() == 2 && encodeParams[0] == cv::IMWRITE_JPEG_QUALITY;
+    if (qualityOnly && JpegWriter::accepts(frame)) {
+        // The library clamps the quality the same way.
+        jpegWriter.write(frame, std::clamp(encodeParams[1], 0, 100), out);
+    } else {
+        cv::imencode(".jpg", frame, out, encodeParams);
+    }
 }
 
 void FrameComposer::applyOverlays(cv::Mat& frame) {

@@ -2,8 +2,15 @@
 // 1280 x 720, draws the overlays of the overlay file into it at half opacity
 // and encodes it with JPEG quality 55. Camera and rtspQueue each own one.
 //
-// Owns: the overlay file state, the overlay canvas and the encoder
-// parameters. Main thread only (the consumer of the frame ring); the only
+// The bytes are those of cv::resize (INTER_LINEAR) and cv::imencode with
+// encodeParams; two faster paths give the same bytes and are chosen by the
+// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo into a
+// buffer from `buffers`, and 8-bit 3-channel frames are encoded by
+// JpegWriter when the parameters are a quality alone. Anything else takes
+// the library calls.
+//
+// Owns: the overlay file state, the overlay canvas, the encoder and its
+// parameters, and the output buffer of composeFrame(slot). Main thread only (the consumer of the frame ring); the only
 // lock taken is the rate source's own, inside drawRateText, for one read.
 //
 // Every overlay is one line of white Hershey duplex text on a filled black
@@ -37,6 +44,8 @@
 #include <string>
 #include <vector>
 
+#include "buffer_exchange.h"
+#include "jpeg_writer.h"
 #include "overlay_file.h"
 #include "rate_source.h"
 
@@ -66,9 +75,18 @@ public:
     // empty result and is left alone). Scales the slot in place to
     // 1280 x 720, applies the overlays and encodes it; the slot keeps the
     // composed frame. Returns the JPEG bytes, empty if the encoder made none.
-    std::string composeFrame(cv::Mat& slot);  // new output vector each call
+    // A 1920 x 1080 slot is scaled into a buffer from `buffers` and its own
+    // buffer goes there, for the read thread to decode into again: so no
+    // other Mat may share the slot's buffer. The encoder writes into a member
+    // buffer reused frame to frame.
+    std::string composeFrame(cv::Mat& slot);
     // Same, encoding into the caller's vector, which keeps its capacity.
     std::string composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer);
+
+    // The scaling step alone: `frame` becomes 1280 x 720.
+    void scaleToOutput(cv::Mat& frame);
+    // The encoding step alone, into `out` (replacing its content).
+    void encode(const cv::Mat& frame, std::vector<uchar>& out);
 
     // Draws the overlay file's overlays into `frame` (1280 x 720, 8UC3).
     // Without usable overlays the frame is neither copied nor touched.
@@ -83,6 +101,8 @@ public:
     void drawImage(const char* path);
 
     std::vector<int> encodeParams{cv::IMWRITE_JPEG_QUALITY, 55};
+    // The only member the read thread may use (prepareForDecode).
+    BufferExchange buffers;
     // The copy of the frame the overlays are drawn on; keeps its buffer.
     // After a pass only the areas drawn in hold the frame's pixels.
     cv::Mat overlayCanvas;
@@ -117,7 +137,9 @@ private:
                         char (&text)[kTimeTextBytes]) const;
 
     const RateSource& rates;
+    JpegWriter jpegWriter;
     // Reused from frame to frame.
+    std::vector<uchar> jpegOutput;
     std::vector<PendingText> pending;
     std::vector<cv::Rect> dirty;
 };

@@ -8,9 +8,15 @@
 // drops on a loaded machine. ffmpeg (and so OpenCV) falls back to TCP by itself
 // after the server refuses UDP.
 //
+// With --replay FILE it serves the H.264 video of FILE (any container
+// GStreamer can demux, or a raw H.264 stream) in a loop at the file's own
+// frame rate instead: the access units are read into memory once at start
+// and only packetised at run time, so the camera costs next to nothing while
+// a benchmark measures its clients. --size, --fps and --stamp do not apply.
+//
 // With --stamp every frame also carries the wall-clock time of its generation
-// as two rows of black and white blocks along its bottom edge (bench/stamp.h), so
-// a benchmark can tell how old each served frame is.
+// as two rows of black and white blocks along its bottom edge (stamp.h,
+// which also reads them back), so a client can tell how old a frame is.
 //
 // When ready it prints exactly one line, "rtsp://127.0.0.1:PORT/PATH", on
 // stdout. SIGINT and SIGTERM end it with status 0.
@@ -23,12 +29,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
-#include "../bench/stamp.h"
+#include "stamp.h"
 
 namespace {
 
@@ -39,16 +47,19 @@ struct Options {
     int height = 720;
     int fps = 30;
     bool stamp = false;
+    std::string replay;
 };
 
 void usage(FILE* out) {
     std::fprintf(out,
                  "usage: test-camera [--port N] [--path /stream] [--size WxH] [--fps N] [--stamp]\n"
+                 "       test-camera [--port N] [--path /stream] --replay FILE\n"
                  "  --port N     RTSP port on 127.0.0.1 (default 8554; 0 picks a free one)\n"
                  "  --path P     stream path (default /stream)\n"
                  "  --size WxH   picture size (default 1280x720)\n"
                  "  --fps N      frames per second (default 30)\n"
                  "  --stamp      write each frame's generation time into its bottom edge\n"
+                 "  --replay F   serve the H.264 video of file F in a loop, as it was encoded\n"
                  "Prints the stream URL on stdout once clients can connect.\n");
 }
 
@@ -75,6 +86,7 @@ int parseOptions(int argc, char** argv, Options& o) {
         {"port", required_argument, nullptr, 'p'}, {"path", required_argument, nullptr, 'u'},
         {"size", required_argument, nullptr, 's'}, {"fps", required_argument, nullptr, 'f'},
         {"stamp", no_argument, nullptr, 't'},      {"help", no_argument, nullptr, 'h'},
+        {"replay", required_argument, nullptr, 'r'},
         {nullptr, 0, nullptr, 0},
     };
     for (int c; (c = getopt_long(argc, argv, "", longOpts, nullptr)) != -1;) {
@@ -88,12 +100,21 @@ int parseOptions(int argc, char** argv, Options& o) {
             case 's': ok = parseSize(optarg, o.width, o.height); break;
             case 'f': ok = parseInt(optarg, 1, 240, o.fps); break;
             case 't': o.stamp = true; break;
+            case 'r':
+                o.replay = optarg;
+                ok = !o.replay.empty();
+                break;
             case 'h': usage(stdout); return -1;
             default: usage(stderr); return 2;
         }
         if (!ok) {
             std::fprintf(stderr, "test-camera: bad value for --%s: %s\n",
-                         c == 'p' ? "port" : c == 'u' ? "path" : c == 's' ? "size" : "fps", optarg);
+                         c == 'p'   ? "port"
+                         : c == 'u' ? "path"
+                         : c == 's' ? "size"
+                         : c == 'r' ? "replay"
+                                    : "fps",
+                         optarg);
             return 2;
         }
     }
@@ -214,6 +235,104 @@ void onMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data) 
     gst_object_unref(bin);
 }
 
+// The replayed video: its H.264 access units in decoding order, time stamps
+// counted from the first, and the time one pass through them takes.
+struct Recording {
+    std::vector<GstBuffer*> units;  // one reference each, for the program's life
+    GstCaps* caps = nullptr;
+    GstClockTime loopDuration = 0;
+};
+
+// Reads every access unit of the file's H.264 video into memory.
+bool loadRecording(const std::string& path, Recording& rec) {
+    GError* err = nullptr;
+    GstElement* pipeline = gst_parse_launch(
+        "filesrc name=file ! parsebin ! h264parse ! "
+        "video/x-h264,stream-format=byte-stream,alignment=au ! appsink name=sink sync=false",
+        &err);
+    if (pipeline == nullptr) {
+        std::fprintf(stderr, "test-camera: %s\n", err ? err->message : "cannot read files");
+        g_clear_error(&err);
+        return false;
+    }
+    GstElement* file = gst_bin_get_by_name(GST_BIN(pipeline), "file");
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+    g_object_set(file, "location", path.c_str(), nullptr);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstClockTime firstPts = GST_CLOCK_TIME_NONE, lastEnd = 0;
+    bool timed = true;
+    for (;;) {
+        GstSample* sample = nullptr;
+        g_signal_emit_by_name(sink, "try-pull-sample", GstClockTime{10 * GST_SECOND}, &sample);
+        if (sample == nullptr) break;
+        GstBuffer* unit = gst_buffer_copy(gst_sample_get_buffer(sample));
+        if (rec.caps == nullptr) rec.caps = gst_caps_copy(gst_sample_get_caps(sample));
+        gst_sample_unref(sample);
+        if (!GST_BUFFER_PTS_IS_VALID(unit)) timed = false;
+        if (!timed) {
+            gst_buffer_unref(unit);
+            continue;
+        }
+        if (firstPts == GST_CLOCK_TIME_NONE) firstPts = GST_BUFFER_PTS(unit);
+        GST_BUFFER_PTS(unit) -= std::min(firstPts, GST_BUFFER_PTS(unit));
+        GST_BUFFER_DTS(unit) = GST_BUFFER_DTS_IS_VALID(unit)
+                                   ? GST_BUFFER_DTS(unit) - std::min(firstPts, GST_BUFFER_DTS(unit))
+                                   : GST_BUFFER_PTS(unit);
+        const GstClockTime step = GST_BUFFER_DURATION_IS_VALID(unit) ? GST_BUFFER_DURATION(unit) : 0;
+        lastEnd = std::max(lastEnd, GST_BUFFER_PTS(unit) + step);
+        rec.units.push_back(unit);
+    }
+    gboolean eos = FALSE;
+    g_object_get(sink, "eos", &eos, nullptr);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(file);
+    gst_object_unref(sink);
+    gst_object_unref(pipeline);
+    if (!eos || !timed || rec.units.size() < 2 || lastEnd == 0) {
+        std::fprintf(stderr, "test-camera: %s: no timed H.264 video to replay\n", path.c_str());
+        return false;
+    }
+    rec.loopDuration = lastEnd;
+    return true;
+}
+
+// Where one shared pipeline is in the recording.
+struct Playback {
+    const Recording* rec;
+    std::size_t next = 0;
+    GstClockTime offset = 0;  // loops played so far, as time
+};
+
+// The source asks for more: the next access unit, stamped for this loop.
+// The pipeline's sink plays them out at their time stamps.
+void onNeedData(GstElement* src, guint, gpointer data) {
+    Playback& p = *static_cast<Playback*>(data);
+    GstBuffer* unit = gst_buffer_copy(p.rec->units[p.next]);  // shares the memory
+    GST_BUFFER_PTS(unit) += p.offset;
+    GST_BUFFER_DTS(unit) += p.offset;
+    GstFlowReturn ret;
+    g_signal_emit_by_name(src, "push-buffer", unit, &ret);
+    gst_buffer_unref(unit);
+    if (++p.next == p.rec->units.size()) {
+        p.next = 0;
+        p.offset += p.rec->loopDuration;
+    }
+}
+
+void onReplayConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data) {
+    GstElement* bin = gst_rtsp_media_get_element(media);
+    GstElement* src = gst_bin_get_by_name(GST_BIN(bin), "src");
+    if (src) {
+        const auto* rec = static_cast<const Recording*>(data);
+        g_object_set(src, "caps", rec->caps, "format", GST_FORMAT_TIME, nullptr);
+        g_signal_connect_data(
+            src, "need-data", G_CALLBACK(onNeedData), new Playback{rec},
+            [](gpointer p, GClosure*) { delete static_cast<Playback*>(p); }, GConnectFlags(0));
+        gst_object_unref(src);
+    }
+    gst_object_unref(bin);
+}
+
 gboolean onQuitSignal(gpointer loop) {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));
     return G_SOURCE_REMOVE;
@@ -229,6 +348,8 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     gst_init(nullptr, nullptr);
 
+    Recording recording;
+    if (!opt.replay.empty() && !loadRecording(opt.replay, recording)) return 1;
     for (const char* needed : {"videotestsrc", "x264enc", "rtph264pay"}) {
         if (!haveElement(needed)) {
             std::fprintf(stderr, "test-camera: GStreamer element %s is missing\n", needed);
@@ -252,10 +373,16 @@ int main(int argc, char** argv) {
     g_object_unref(pool);
 
     GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
-    gst_rtsp_media_factory_set_launch(factory, launchLine(opt, withClock).c_str());
+    if (opt.replay.empty()) {
+        gst_rtsp_media_factory_set_launch(factory, launchLine(opt, withClock).c_str());
+    } else {
+        gst_rtsp_media_factory_set_launch(
+            factory, "( appsrc name=src is-live=false ! rtph264pay name=pay0 pt=96 config-interval=-1 )");
+        g_signal_connect(factory, "media-configure", G_CALLBACK(onReplayConfigure), &recording);
+    }
     gst_rtsp_media_factory_set_shared(factory, TRUE);
     gst_rtsp_media_factory_set_protocols(factory, GST_RTSP_LOWER_TRANS_TCP);
-    if (opt.stamp) g_signal_connect(factory, "media-configure", G_CALLBACK(onMediaConfigure), &opt);
+    if (opt.stamp && opt.replay.empty()) g_signal_connect(factory, "media-configure", G_CALLBACK(onMediaConfigure), &opt);
     GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server);
     gst_rtsp_mount_points_add_factory(mounts, opt.path.c_str(), factory);  // takes factory
     g_object_unref(mounts);
