@@ -29,12 +29,7 @@ std::string document(const std::vector<std::string>& elements) {
 
 cv::Mat solid(int value) { return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(value)); }
 
-cv::Mat noisy() {
-    cv::Mat frame(720, 1280, CV_8UC3);
-    cv::theRNG().state = 7;
-    cv::randu(frame, 0, 256);
-    return frame;
-}
+cv::Mat noisy() { return scene({1280, 720}); }
 
 struct Text {
     std::string text;
@@ -56,7 +51,6 @@ cv::Mat reference(const cv::Mat& background, const std::vector<Text>& texts) {
     return out;
 }
 
-bool same(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_INF) == 0; }
 
 class OverlayTest : public ::testing::Test {
 protected:

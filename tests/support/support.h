@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include <opencv2/imgproc.hpp>
+
 #include "rate_source.h"
 
 namespace support {
@@ -287,6 +289,25 @@ private:
     size_t parts_ = 0;
     bool headerDone_ = false, failed_ = false;
 };
+
+// Camera-like content: smooth shapes at several scales, sharp edges and
+// sensor noise, so that every DCT coefficient and rounding case is hit.
+inline cv::Mat scene(cv::Size size) {
+    cv::RNG rng(size.area());
+    cv::Mat picture(size, CV_8UC3), coarse(size / 24 + cv::Size(2, 2), CV_8UC3), noise(size, CV_8UC3);
+    rng.fill(coarse, cv::RNG::UNIFORM, 0, 256);
+    cv::resize(coarse, picture, size, 0, 0, cv::INTER_CUBIC);
+    for (int i = 0; i < 40; ++i) {
+        cv::line(picture, {rng.uniform(0, size.width), rng.uniform(0, size.height)},
+                 {rng.uniform(0, size.width), rng.uniform(0, size.height)},
+                 cv::Scalar(rng.uniform(0, 256), rng.uniform(0, 256), rng.uniform(0, 256)), 3);
+    }
+    rng.fill(noise, cv::RNG::NORMAL, 0, 12);
+    cv::add(picture, noise, picture, cv::noArray(), CV_8UC3);
+    return picture;
+}
+
+inline bool same(const cv::Mat& a, const cv::Mat& b) { return a.size() == b.size() && cv::norm(a, b, cv::NORM_INF) == 0; }
 
 class FakeRates : public RateSource {
 public:
