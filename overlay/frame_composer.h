@@ -10,8 +10,10 @@
 // the library calls.
 //
 // Owns: the overlay file state, the overlay canvas, the encoder and its
-// parameters, and the output buffer of composeFrame(slot). Main thread only (the consumer of the frame ring); the only
-// lock taken is the rate source's own, inside drawRateText, for one read.
+// parameters, and the output buffer of composeFrame(slot). Main thread only
+// (the consumer of the frame ring), except `buffers`, which the read thread
+// uses too; the only other lock taken is the rate source's own, inside
+// drawRateText, for one read.
 //
 // Every overlay is one line of white Hershey duplex text on a filled black
 // box centred on its position. All overlays of a frame are drawn onto

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "frame_composer.h"
+#include "jpeg_writer.h"
 #include "scale_three_to_two.h"
 #include "support.h"
 
@@ -20,9 +21,8 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
                         R"({"x":15,"y":88,"type":"queue_rate","value":"%.1f fps"}]})");
     FakeRates rates;
     struct Case { cv::Size camera; bool withOverlays; };
-    const Case cases[] = {{{1920, 1080}, false}, {{1920, 1080}, true}, {{1280, 720}, false},
-                          {{1280, 720}, true},   {{1021, 767}, false}, {{1021, 767}, true}};
-    for (const Case& c : cases) {
+    for (const Case& c : {Case{{1920, 1080}, false}, {{1920, 1080}, true}, {{1280, 720}, false},
+                          {{1280, 720}, true}, {{1021, 767}, false}, {{1021, 767}, true}}) {
         SCOPED_TRACE(testing::Message() << c.camera << (c.withOverlays ? " with" : " without"));
         const std::string path = c.withOverlays ? overlays : dir.file("absent.json");
         FrameComposer composer(rates, path), reference(rates, path);
@@ -32,7 +32,6 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
         std::vector<uchar> expectedJpeg;
         cv::imencode(".jpg", expected, expectedJpeg, {cv::IMWRITE_JPEG_QUALITY, 55});
         const uchar* buffer = slot.data;
-
         const std::string jpeg = composer.composeFrame(slot);
         EXPECT_TRUE(same(slot, expected));
         EXPECT_TRUE(jpeg == std::string(expectedJpeg.begin(), expectedJpeg.end()));
@@ -58,7 +57,16 @@ TEST(FastPath, KernelEqualsLibraryOnNarrowFrames) {
         EXPECT_TRUE(same(scaled, expected));
     }
     EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1920, CV_8UC1), cv::Size(1280, 720)));
-    EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1921, CV_8UC3), cv::Size(1280, 720)));
+}
+
+TEST(FastPath, EncoderOutgrowsItsFirstBuffer) {
+    cv::Mat noise(720, 1280, CV_8UC3);
+    cv::randu(noise, 0, 256);
+    std::vector<uchar> expected, out;
+    cv::imencode(".jpg", noise, expected, {cv::IMWRITE_JPEG_QUALITY, 55});
+    ASSERT_GT(expected.size(), 256u * 1024);
+    EXPECT_TRUE(JpegWriter().write(noise, 55, out));
+    EXPECT_TRUE(out == expected);
 }
 
 }  // namespace
