@@ -15,7 +15,6 @@ void FrameRing::commitFrame() {
     const int64_t now = clock();
     {
         MutexLock lock(&ringMutex);
-        commitStamps[writeIndex] = now;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
     }
@@ -34,11 +33,6 @@ bool FrameRing::waitForNew(int64_t micros) {
         if (!committed.waitUntil(ringMutex, deadline)) return lastWritten != lastServed;
     }
     return true;
-}
-
-int64_t FrameRing::commitStamp(int i) const {
-    MutexLock lock(&ringMutex);
-    return commitStamps[i];
 }
 
 int FrameRing::takeNewest() {
@@ -78,11 +72,6 @@ double FrameRing::queueRate() const {
 double FrameRing::dequeueRate() const {
     MutexLock lock(&rateMutex);
     return dequeueRateValue;
-}
-
-int32_t FrameRing::lastWrittenValue() const {
-    MutexLock lock(&ringMutex);
-    return lastWritten;
 }
 
 // Intervals per second over the last up to 120 intervals. Same clock

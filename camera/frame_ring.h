@@ -46,12 +46,6 @@ public:
     // Consumer: returns as soon as takeNewest() would hand out a slot, or
     // after `micros` microseconds. True if a slot is ready.
     bool waitForNew(int64_t micros) EXCLUDES(ringMutex);
-    // When slot i was last committed (clock nanoseconds), for measuring how
-    // long a frame takes from its commit to the clients.
-    int64_t commitStamp(int i) const EXCLUDES(ringMutex);
-    // Consumer-only: when the last slot was handed out (clock nanoseconds),
-    // 0 before the first take or after resetStamps().
-    int64_t lastTakeStamp() const { return dequeueStamps.empty() ? 0 : dequeueStamps.back(); }
 
     // Consumer: the newest committed slot if it is not the one handed out
     // last, else -1. Records a take stamp when it hands one out.
@@ -73,9 +67,6 @@ public:
     double dequeueRate() const override EXCLUDES(rateMutex);
 
     int32_t writeIndexValue() const { return writeIndex; }
-    int32_t lastWrittenValue() const EXCLUDES(ringMutex);
-    size_t queueStampCount() const { return queueStamps.size(); }
-    size_t dequeueStampCount() const { return dequeueStamps.size(); }
 
     // Consumer-only: the slot being composed, -1 while none. Not guarded.
     int32_t servingIndex = -1;
@@ -90,7 +81,6 @@ private:
     int32_t writeIndex = 0;  // written by the producer only (under ringMutex)
     int32_t lastWritten GUARDED_BY(ringMutex) = -1;
     int32_t lastServed GUARDED_BY(ringMutex) = -1;
-    std::array<int64_t, kSlots> commitStamps GUARDED_BY(ringMutex){};
     CondVar committed;  // signalled on every commit; waited on with ringMutex
     std::deque<int64_t> queueStamps;    // producer's
     std::deque<int64_t> dequeueStamps;  // consumer's

@@ -72,8 +72,6 @@ public:
     void removeClient(Client* client);
     // Sends g_streamHeader on `socket`; returns the send's result.
     int sendStreamHeader(int socket);
-    void closeListener();
-    bool hasWaitingClients() const;
 
     // The listener's local port, or -1 without a listener. Lets tests listen
     // on port 0.
