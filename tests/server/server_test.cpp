@@ -2,6 +2,7 @@
 // the bytes each kind of client gets, and clients coming and going.
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -146,6 +147,21 @@ TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
     EXPECT_EQ(GetCapturedStderr(), "Can't bind socket\n");
     second.handleEvents();
     EXPECT_EQ(second.sendFrame(kJpeg), 0);
+    // A pass whose accept finds no descriptor left reports it and leaves the
+    // connection for a later pass.
+    LoopbackClient client(first.boundPort());
+    rlimit normal{}, none{};
+    getrlimit(RLIMIT_NOFILE, &normal);
+    CaptureStderr();
+    const int next = dup(0);
+    close(next);
+    none = {static_cast<rlim_t>(next), normal.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    first.handleEvents();
+    setrlimit(RLIMIT_NOFILE, &normal);
+    EXPECT_EQ(GetCapturedStderr(), "accept() failure: Too many open files\n");
+    EXPECT_TRUE(waitFor([&] { return first.handleEvents(), first.clientList().size() == 1; }));
+    first.removeClient(first.clientList().front());
 }
 
 }  // namespace
