@@ -5,7 +5,7 @@
 cv::Mat BufferExchange::takeOutputBuffer(cv::Size size, int type) {
     cv::Mat buffer;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(&mutex);
         for (auto it = outputSpares.begin(); it != outputSpares.end(); ++it) {
             if (it->size() == size && it->type() == type) {
                 buffer = std::move(*it);
@@ -18,14 +18,14 @@ cv::Mat BufferExchange::takeOutputBuffer(cv::Size size, int type) {
 }
 
 void BufferExchange::putDecodeBuffer(cv::Mat buffer) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(&mutex);
     if (decodeSpares.size() < kSpares) decodeSpares.push_back(std::move(buffer));
     // else the buffer is freed on return, after the lock is released
 }
 
 void BufferExchange::prepareForDecode(cv::Mat& slot) {
     cv::Mat surplus;
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(&mutex);
     // A slot that still holds a decoded frame (one the composer skipped)
     // keeps its buffer.
     if (decodeSpares.empty() || slot.size() == decodeSpares.back().size()) return;

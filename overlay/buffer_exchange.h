@@ -17,8 +17,9 @@
 
 #include <opencv2/core.hpp>
 
-#include <mutex>
 #include <vector>
+
+#include "thread_annotations.h"
 
 class BufferExchange {
 public:
@@ -26,16 +27,16 @@ public:
 
     // Composer: a buffer for a composed frame, of `size` and `type` if one
     // is spare (else empty: the caller's create() allocates it).
-    cv::Mat takeOutputBuffer(cv::Size size, int type);
+    cv::Mat takeOutputBuffer(cv::Size size, int type) EXCLUDES(mutex);
     // Composer: a decoded frame's buffer that no slot refers to any more.
-    void putDecodeBuffer(cv::Mat buffer);
+    void putDecodeBuffer(cv::Mat buffer) EXCLUDES(mutex);
     // Read thread, before decoding into `slot`: when a spare decode buffer
     // exists, it replaces the slot's buffer, which becomes a spare output
     // buffer. The slot's content is lost either way.
-    void prepareForDecode(cv::Mat& slot);
+    void prepareForDecode(cv::Mat& slot) EXCLUDES(mutex);
 
 private:
-    std::mutex mutex;
-    std::vector<cv::Mat> decodeSpares;  // guarded by mutex
-    std::vector<cv::Mat> outputSpares;  // guarded by mutex
+    Mutex mutex;
+    std::vector<cv::Mat> decodeSpares GUARDED_BY(mutex);
+    std::vector<cv::Mat> outputSpares GUARDED_BY(mutex);
 };
