@@ -63,6 +63,7 @@ TEST_F(ServerTest, RequestBytesDecideWhatTheClientGets) {
         {"frame_id=", true},
         {"x", false},
         {std::string("GET /\0?frame_id=1", 17), false},  // the text ends at its first NUL
+        {std::string(1016, 'x') + "frame_id=", false},   // judged per read of 1024 bytes
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.request);
