@@ -53,10 +53,8 @@ protected:
         // fill the default 4 MiB about as fast.
         std::ofstream("/proc/sys/net/ipv4/tcp_wmem") << "4096 16384 262144";
         ASSERT_TRUE(camera.start());
-        server = std::make_unique<ServerProcess>(
-            std::vector<std::string>{"-p", std::to_string(port), "-u", camera.url(), "-t", camera.testUrl()});
-        server->start();
-        ASSERT_TRUE(server->waitUntilServing());
+        server.start(camera.server(port));
+        ASSERT_TRUE(waitUntilServing());
         for (int i = 0; i < 5; ++i) viewers.push_back(std::make_unique<Viewer>(port));
         for (auto& v : viewers) ASSERT_TRUE(waitFor([&] { return v->parts >= 10; }, 30s));
     }
@@ -74,7 +72,7 @@ protected:
     }
     TestCamera camera;
     int port = freeLoopbackPort();
-    std::unique_ptr<ServerProcess> server;
+    Process server;
     std::vector<std::unique_ptr<Viewer>> viewers;
     TempDir dir;
 };

@@ -7,7 +7,8 @@
 #include "frame_composer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::string path = "/tmp/vs-fuzz-overlays-" + std::to_string(getpid()) + ".json";
+    static const support::TempDir dir;
+    static const std::string path = dir.file("overlays.json");
     static support::FakeRates rates;
     static FrameComposer composer(rates, path);
     static cv::Mat frame(kOutputHeight, kOutputWidth, CV_8UC3, cv::Scalar(90, 60, 40));

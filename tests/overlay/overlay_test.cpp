@@ -178,15 +178,4 @@ TEST_F(OverlayTest, ElementsDrawTheirTextsPlacedAndBlendedOrNothing) {
     }
 }
 
-TEST(RateFormat, OnlyLiteralTextAndOneFloatingConversionPass) {
-    const std::pair<std::string, bool> cases[] = {
-        {"%f", true}, {"%.1f fps", true}, {"%% %e %%", true}, {"%-+ #010.2lf", true}, {"%79.79G", true},
-        {"%a", true}, {"%5.f", true}, {"%80f", false}, {"%.80f", false}, {"%100f", false},
-        {"%f%f", false}, {"%d", false}, {"%s", false}, {"%n", false}, {"%*f", false},
-        {"%1$f", false}, {"%Lf", false}, {"100%", false}, {"%%", false}, {"none", false},
-        {std::string(254, 'x') + "%f", true}, {std::string(255, 'x') + "%f", false},
-    };
-    for (const auto& [format, safe] : cases) EXPECT_EQ(isSafeRateFormat(format.c_str()), safe) << format;
-}
-
 }  // namespace

@@ -102,36 +102,35 @@ inline int listenOnLoopback(int& port, int backlog = 16) {
 
 inline int freeLoopbackPort() {
     int port = 0;
-    close(listenOnLoopback(port));
-    return port;
+    return close(listenOnLoopback(port)), port;
 }
 
-// A child process, killed with the thread that started it.
+// A child process with its standard output and error in files of its own,
+// killed with the thread that started it.
 class Process {
 public:
     ~Process() { waitExit(0ms); }
-    bool start(const std::vector<std::string>& argv, const std::string& out = "", const std::string& err = "") {
+    void start(const std::vector<std::string>& argv) {
         std::vector<char*> args;
         for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         const pid_t parent = getpid();
+        writeFile(dir_.file("out"), "");  // nothing of an earlier run is read as this one's
         if ((pid_ = fork()) == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (getppid() != parent) _exit(127);
             sigset_t none;
             sigemptyset(&none);
             sigprocmask(SIG_SETMASK, &none, nullptr);
-            if (!out.empty()) dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
-            if (!err.empty()) dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+            dup2(open(dir_.file("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+            dup2(open(dir_.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
             close_range(3, ~0U, 0);
             execv(args[0], args.data());
             _exit(127);
         }
-        return pid_ > 0;
     }
-    void signal(int sig) const {
-        if (pid_ > 0) kill(pid_, sig);
-    }
+    std::string out() const { return readFile(dir_.file("out")); }
+    void signal(int sig) const { kill(pid_, sig); }
     // The exit status; -1 if a signal ended it or it outlived `timeout` (it is then killed).
     int waitExit(Millis timeout = 15s) {
         int status = -1;
@@ -143,30 +142,23 @@ public:
         pid_ = -1;
         return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
+    TempDir dir_;
 };
 
 // The bundled test camera on 127.0.0.1. It keeps its first port across
 // stop() and start(), so it can go away and come back at one URL.
 class TestCamera : public Process {
 public:
-    explicit TestCamera(std::string size = "640x360", std::vector<std::string> extraArgs = {})
-        : args_{TEST_CAMERA_BIN, "--size", std::move(size)} {
-        args_.insert(args_.end(), extraArgs.begin(), extraArgs.end());
-    }
+    explicit TestCamera(std::string size = "640x360") : size_(std::move(size)) {}
     // Returns once it prints its URL (the first start on a fresh machine
     // waits for GStreamer's plugin registry).
     bool start() {
-        std::vector<std::string> argv = args_;
-        argv.insert(argv.end(), {"--port", std::to_string(port_)});
-        writeFile(dir_.file("url"), "");
-        Process::start(argv, dir_.file("url"));
-        const bool ready = waitFor([&] { return readFile(dir_.file("url")).find('\n') != std::string::npos; }, 30s);
-        url_ = readFile(dir_.file("url")).substr(0, readFile(dir_.file("url")).find('\n'));
-        if (ready && sscanf(url_.c_str(), "rtsp://127.0.0.1:%d/", &port_) == 1) return true;
+        Process::start({TEST_CAMERA_BIN, "--size", size_, "--port", std::to_string(port_)});
+        if (waitFor([&] { return out().find('\n') != std::string::npos; }, 30s) &&
+            sscanf((url_ = out().substr(0, out().find('\n'))).c_str(), "rtsp://127.0.0.1:%d/", &port_) == 1) return true;
         stop(SIGKILL);
         return false;
     }
@@ -177,32 +169,19 @@ public:
     const std::string& url() const { return url_; }
     int port() const { return port_; }
     std::string testUrl() const { return "127.0.0.1:" + std::to_string(port_); }
+    // The real server's command line: HTTP on `httpPort`, this camera as its stream.
+    std::vector<std::string> server(int httpPort) const {
+        return {VIDEO_SERVER_BIN, "-p", std::to_string(httpPort), "-u", url_, "-t", testUrl()};
+    }
 
 private:
-    std::vector<std::string> args_;
-    TempDir dir_;
-    std::string url_;
+    std::string size_, url_;
     int port_ = 0;
 };
 
-// The real video-server; its standard output and error go to files.
-class ServerProcess : public Process {
-public:
-    explicit ServerProcess(std::vector<std::string> args) : args_(std::move(args)) {}
-    void start() {
-        std::vector<std::string> argv{VIDEO_SERVER_BIN};
-        argv.insert(argv.end(), args_.begin(), args_.end());
-        Process::start(argv, dir_.file("out"), dir_.file("err"));
-    }
-    bool waitUntilServing(Millis timeout = 20s) const {
-        return waitFor([] { return countLines(kLogPath, "Starting main loop") > 0; }, timeout);
-    }
-    std::string out() const { return readFile(dir_.file("out")); }
-
-private:
-    std::vector<std::string> args_;
-    TempDir dir_;
-};
+inline bool waitUntilServing(Millis timeout = 20s) {
+    return waitFor([] { return countLines(kLogPath, "Starting main loop") > 0; }, timeout);
+}
 
 class LoopbackClient {
 public:
@@ -211,8 +190,6 @@ public:
         connect(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a);
     }
     ~LoopbackClient() { close(fd_); }
-    LoopbackClient(const LoopbackClient&) = delete;
-    LoopbackClient& operator=(const LoopbackClient&) = delete;
     int fd() const { return fd_; }
     void sendText(const std::string& text) const { send(fd_, text.data(), text.size(), MSG_NOSIGNAL); }
     // Reads until `total` bytes are in, the peer closes or time runs out.
