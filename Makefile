@@ -35,20 +35,20 @@ test: build
 
 # The whole suite again under ASan + UBSan, then under TSan. Reports from
 # every process, the server and camera children included, fail the run (see
-# tests/sanitizers/run-suite).
+# tests/sanitizers/run).
 test-sanitize: deps
-	JOBS=$(JOBS) tests/sanitizers/run-suite address,undefined $(ASAN_BUILD_DIR)
-	JOBS=$(JOBS) tests/sanitizers/run-suite thread $(TSAN_BUILD_DIR)
+	JOBS=$(JOBS) tests/sanitizers/run address,undefined $(ASAN_BUILD_DIR)
+	JOBS=$(JOBS) tests/sanitizers/run thread $(TSAN_BUILD_DIR)
 
 test-asan: deps
-	JOBS=$(JOBS) tests/sanitizers/run-suite address,undefined $(ASAN_BUILD_DIR)
+	JOBS=$(JOBS) tests/sanitizers/run address,undefined $(ASAN_BUILD_DIR)
 
 test-tsan: deps
-	JOBS=$(JOBS) tests/sanitizers/run-suite thread $(TSAN_BUILD_DIR)
+	JOBS=$(JOBS) tests/sanitizers/run thread $(TSAN_BUILD_DIR)
 
-# Each libFuzzer target for FUZZ_SECONDS (see tests/fuzz/run).
+# Each libFuzzer target for FUZZ_SECONDS (see tests/sanitizers/run).
 fuzz: deps
-	JOBS=$(JOBS) tests/fuzz/run $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
+	JOBS=$(JOBS) tests/sanitizers/run fuzz $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
 
 # Streams to several clients for SOAK_SECONDS (default 10 minutes) and checks
 # the server's memory and descriptors stay flat (see scripts/soak).

@@ -1,9 +1,6 @@
 // The frame ring, the connectivity probe and the camera against the real
 // test camera.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <opencv2/imgcodecs.hpp>
 #include <sstream>
@@ -58,50 +55,41 @@ TEST(FrameRing, TakesRatesAndWaits) {
     EXPECT_EQ(run(ring, "c n c n c c x n", 20'000'000), (std::vector<int>{51, 52, 54, -1}));  // 171 commits so far
     EXPECT_DOUBLE_EQ(ring.dequeueRate(), 20.0);  // 40 and 60 ms; the empty take is no take
     EXPECT_FALSE(ring.waitForNew(20'000));
-    std::thread producer([&] {
-        std::this_thread::sleep_for(50ms);
-        ring.commitFrame();
-    });
+    std::jthread producer([&] { std::this_thread::sleep_for(50ms), ring.commitFrame(); });
     EXPECT_TRUE(ring.waitForNew(20'000'000));
-    producer.join();
 }
 
 class CameraTest : public ::testing::Test {
 protected:
     void SetUp() override { setEventLogPath(log.c_str()); }
     void TearDown() override { setEventLogPath(kEventLogPath); }
-    int openFds() const { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
     TempDir dir;
     std::string log = dir.file("stream.log");
 };
 
+// Rows: port, time limit in seconds, whether it connects, least and most time
+// taken. The fourth finds the listener's accept queue full: its SYN goes unanswered.
 TEST_F(CameraTest, ProbeOutcomes) {
     int port = 0;
     const int listener = listenOnLoopback(port, 0);
+    const std::tuple<int, int, bool, Millis, Millis> cases[] = {
+        {port, 2, true, 0ms, 1500ms}, {port + 65536, 2, true, 0ms, 1500ms}, {freeLoopbackPort(), 2, false, 0ms, 1500ms},
+        {port, 1, false, 950ms, 5s}, {port, 0, false, 0ms, 500ms}};
     const sockaddr_in a = loopback(port);
-    struct Case {
-        int port, limit;
-        bool connects;
-        Millis atLeast, below;
-    };
-    // The last two find the listener's accept queue full: further SYNs go unanswered.
-    const Case cases[] = {{port, 2, true, 0ms, 1500ms}, {port + 65536, 2, true, 0ms, 1500ms},
-                          {freeLoopbackPort(), 2, false, 0ms, 1500ms}, {port, 1, false, 950ms, 5s},
-                          {port, 0, false, 0ms, 500ms}};
-    std::vector<int> fillers;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        for (int i = 0; i < 4 && c.atLeast > 0ms; ++i) {
+    std::vector<int> fillers;  // non-blocking: their connects stay pending
+    for (const auto& [p, limit, connects, atLeast, below] : cases) {
+        SCOPED_TRACE(p);
+        while (atLeast > 0ms && fillers.size() < 4) {
             fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
             connect(fillers.back(), reinterpret_cast<const sockaddr*>(&a), sizeof a);
         }
         const int fds = openFds();
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(testConnection("127.0.0.1", c.port, c.limit), c.connects);
-        EXPECT_GE(std::chrono::steady_clock::now() - start, c.atLeast);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, c.below);
+        EXPECT_EQ(testConnection("127.0.0.1", p, limit), connects);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_TRUE(took >= atLeast && took < below) << std::chrono::duration_cast<Millis>(took).count();
         EXPECT_EQ(openFds(), fds);
-        for (int fd; c.connects && (fd = accept4(listener, nullptr, nullptr, 0)) >= 0;) close(fd);
+        for (int fd; connects && (fd = accept4(listener, nullptr, nullptr, 0)) >= 0;) close(fd);
     }
     EXPECT_EQ(logMessages(log).size(), 0u);  // refused or not, a loopback connect is not logged
     for (int fd : fillers) close(fd);
@@ -148,11 +136,7 @@ TEST_F(CameraTest, ServesEachFrameOnceAndIsNotReopenedAfterTheCameraGoes) {
     EXPECT_EQ(jpeg, "kept");
     camera.stop();
     camera.stop();
-    const std::vector<std::string> lines = logMessages(log);
-    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 5),
-              (std::vector<std::string>{"Testing connection to " + testUrl, "Success", "Opening stream " + source.url(),
-                                        "Stream opened", "Read thread running"}));
-    EXPECT_EQ(lines.back(), "Camera stopped");  // the read thread may log once more meanwhile
+    EXPECT_EQ(logMessages(log).back(), "Camera stopped");  // the read thread may log once more meanwhile
     EXPECT_EQ(countLines(log, "Stopping camera"), 1);
     EXPECT_GE(countLines(log, "getImage timeout"), 2);
     EXPECT_GT(countLines(log, "Empty frame"), 0);

@@ -11,17 +11,12 @@
 #include "../support/support.h"
 #include "frame_composer.h"
 
-namespace {
-
-
-bool grammarAllows(const std::string& format) {
+static bool grammarAllows(const std::string& format) {
     static const std::regex grammar("(?:[^%]|%%)*%[-+ #0]*([0-9]{0,2})(?:\\.([0-9]{0,2}))?l?[fFeEgGaA](?:[^%]|%%)*");
     std::smatch m;
     const auto small = [](const std::ssub_match& d) { return d.length() == 0 || std::stoi(d.str()) < 80; };
     return format.size() <= kMaxTextBytes && std::regex_match(format, m, grammar) && small(m[1]) && small(m[2]);
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static support::FakeRates rates;

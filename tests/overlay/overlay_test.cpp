@@ -1,11 +1,15 @@
-// Following the overlay file, drawing its overlays, and composing frames.
+// Following the overlay file, drawing its overlays, and composing frames;
+// the faster scaling and encoding paths against the library calls they
+// stand in for.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 
 #include "frame_composer.h"
+#include "scale_three_to_two.h"
 #include "support.h"
 
 using namespace support;
@@ -27,9 +31,26 @@ std::string document(const std::vector<std::string>& elements) {
     return out + "]}";
 }
 
-cv::Mat solid(int value) { return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(value)); }
+// Camera-like content: smooth shapes at several scales, sharp edges and
+// sensor noise, so that every DCT coefficient and rounding case is hit.
+cv::Mat scene(cv::Size size, double noiseSigma = 12) {
+    cv::RNG rng(size.area());
+    cv::Mat picture(size, CV_8UC3), coarse(size / 24 + cv::Size(2, 2), CV_8UC3), noise(size, CV_16SC3);
+    rng.fill(coarse, cv::RNG::UNIFORM, 0, 256);
+    cv::resize(coarse, picture, size, 0, 0, cv::INTER_CUBIC);
+    for (int i = 0; i < 40; ++i) {
+        cv::line(picture, {rng.uniform(0, size.width), rng.uniform(0, size.height)},
+                 {rng.uniform(0, size.width), rng.uniform(0, size.height)},
+                 cv::Scalar(rng.uniform(0, 256), rng.uniform(0, 256), rng.uniform(0, 256)), 3);
+    }
+    rng.fill(noise, cv::RNG::NORMAL, 0, noiseSigma);
+    cv::add(picture, noise, picture, cv::noArray(), CV_8UC3);
+    return picture;
+}
 
-cv::Mat noisy() { return scene({1280, 720}); }
+bool same(const cv::Mat& a, const cv::Mat& b) { return a.size() == b.size() && cv::norm(a, b, cv::NORM_INF) == 0; }
+
+cv::Mat solid(int value) { return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(value)); }
 
 struct Text {
     std::string text;
@@ -60,7 +81,7 @@ protected:
         composer.applyOverlays(frame);
         return GetCapturedStdout();
     }
-    cv::Mat draw(const std::string& json, const cv::Mat& background = noisy()) {
+    cv::Mat draw(const std::string& json, const cv::Mat& background) {
         writeFile(path, json, ++mtime);
         cv::Mat frame = background.clone();
         printed = apply(frame);
@@ -172,10 +193,57 @@ TEST_F(OverlayTest, ElementsDrawTheirTextsPlacedAndBlendedOrNothing) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.elements[0].substr(0, 80));
-        const cv::Mat background = c.flat < 0 ? noisy() : solid(c.flat);
+        const cv::Mat background = c.flat < 0 ? scene({1280, 720}) : solid(c.flat);
         EXPECT_TRUE(same(draw(document(c.elements), background), reference(background, c.drawn)));
         EXPECT_EQ(printed, p("{P} updated\n") + c.said);
     }
+}
+
+TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
+    TempDir dir;
+    const std::string overlays = dir.file("overlays.json");
+    writeFile(overlays, document({element("text", "Gate 3", 85, 5), element("date", "%Y"),
+                                  element("queue_rate", "%.1f fps", 15, 88)}));
+    FakeRates rates;
+    struct Case { cv::Size camera; bool withOverlays; double noise = 12; };
+    // The noisiest frame's JPEG outgrows the encoder's first buffer.
+    for (const Case& c : {Case{{1920, 1080}, false}, {{1920, 1080}, true}, {{1280, 720}, false},
+                          {{1280, 720}, true, 90}, {{1021, 767}, false}, {{1021, 767}, true}}) {
+        SCOPED_TRACE(testing::Message() << c.camera << (c.withOverlays ? " with" : " without"));
+        const std::string path = c.withOverlays ? overlays : dir.file("absent.json");
+        FrameComposer composer(rates, path), reference(rates, path);
+        cv::Mat slot = scene(c.camera, c.noise), expected;
+        cv::resize(slot, expected, cv::Size(1280, 720), 0, 0, cv::INTER_LINEAR);
+        reference.applyOverlays(expected);
+        std::vector<uchar> expectedJpeg;
+        cv::imencode(".jpg", expected, expectedJpeg, {cv::IMWRITE_JPEG_QUALITY, 55});
+        const uchar* buffer = slot.data;
+        const std::string jpeg = composer.composeFrame(slot);
+        EXPECT_TRUE(same(slot, expected));
+        EXPECT_TRUE(jpeg == std::string(expectedJpeg.begin(), expectedJpeg.end()));
+        EXPECT_EQ(jpeg.size() > 256 * 1024, c.noise > 12);
+        // The decoded 1080p buffer comes back to the slot for the next decode.
+        composer.buffers.prepareForDecode(slot);
+        EXPECT_EQ(slot.data == buffer, c.camera != cv::Size(1021, 767));
+        EXPECT_EQ(slot.size(), c.camera == cv::Size(1021, 767) ? cv::Size(1280, 720) : c.camera);
+        // Again, with the buffers, encoder and output vector of the first frame.
+        cv::Mat again = scene(c.camera, c.noise);
+        EXPECT_EQ(composer.composeFrame(again), jpeg);
+    }
+}
+
+TEST(FastPath, KernelEqualsLibraryOnNarrowFrames) {
+    // Widths that leave the vector loop a scalar tail, or nothing but one.
+    for (const cv::Size to : {cv::Size(40, 20), cv::Size(4, 2), cv::Size(66, 8)}) {
+        SCOPED_TRACE(to);
+        cv::Mat image = scene(cv::Size(to.width * 3 / 2, to.height * 3 / 2)), expected;
+        cv::resize(image, expected, to, 0, 0, cv::INTER_LINEAR);
+        ASSERT_TRUE(canScaleThreeToTwo(image, to));
+        cv::Mat scaled;
+        scaleThreeToTwo(image, scaled, to);
+        EXPECT_TRUE(same(scaled, expected));
+    }
+    EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1920, CV_8UC1), cv::Size(1280, 720)));
 }
 
 }  // namespace

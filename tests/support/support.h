@@ -15,12 +15,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <opencv2/imgproc.hpp>
 
 #include "rate_source.h"
 
@@ -52,9 +49,8 @@ private:
 };
 
 inline std::string readFile(const std::string& path) {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A non-zero `mtime` sets the modification time in whole seconds.
@@ -85,6 +81,8 @@ inline int countLines(const std::string& path, const std::string& message) {
     const auto all = logMessages(path);
     return static_cast<int>(std::count(all.begin(), all.end(), message));
 }
+
+inline int openFds() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
 
 inline sockaddr_in loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
 
@@ -130,7 +128,9 @@ public:
         }
     }
     std::string out() const { return readFile(dir_.file("out")); }
-    void signal(int sig) const { kill(pid_, sig); }
+    void signal(int sig) const {
+        if (pid_ > 0) kill(pid_, sig);  // never -1: that would be every process we may signal
+    }
     // The exit status; -1 if a signal ended it or it outlived `timeout` (it is then killed).
     int waitExit(Millis timeout = 15s) {
         int status = -1;
@@ -195,20 +195,15 @@ public:
     // Reads until `total` bytes are in, the peer closes or time runs out.
     const std::string& readAtLeast(size_t total, Millis timeout = 10s) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (Millis left = timeout; data_.size() < total && !eof_ && left.count() > 0;) {
-            pollfd p{fd_, POLLIN, 0};
-            char buffer[65536];
-            if (poll(&p, 1, static_cast<int>(left.count())) > 0) {
-                const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-                eof_ = n <= 0;
-                data_.append(buffer, n > 0 ? static_cast<size_t>(n) : 0);
-            }
-            left = std::chrono::duration_cast<Millis>(deadline - std::chrono::steady_clock::now());
+        for (char buffer[65536]; data_.size() < total && !eof_ && std::chrono::steady_clock::now() < deadline;) {
+            if (pollfd p{fd_, POLLIN, 0}; poll(&p, 1, 10) <= 0) continue;
+            const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+            eof_ = n <= 0;
+            data_.append(buffer, std::max<ssize_t>(n, 0));
         }
         return data_;
     }
-    const std::string& readFor(Millis window) { return readAtLeast(SIZE_MAX, window); }
-    bool readToEof(Millis timeout = 10s) { return readFor(timeout), eof_; }
+    bool readToEof(Millis timeout = 10s) { return readAtLeast(SIZE_MAX, timeout), eof_; }
     const std::string& data() const { return data_; }
     bool eof() const { return eof_; }
 
@@ -227,64 +222,30 @@ public:
     // The next complete part's JPEG; false when more bytes are needed or
     // the stream is malformed (failed()).
     bool next(std::string& jpeg) {
-        size_t at = 0;
-        const auto take = [&](std::string_view text) {
-            const size_t n = std::min(text.size(), buffer_.size() - at);
-            failed_ = failed_ || buffer_.compare(at, n, text.substr(0, n)) != 0;
-            at += n;
-            return !failed_ && n == text.size();
-        };
-        if (!headerDone_) {
-            if (!(headerDone_ = take(kStreamHeader))) return false;
-            buffer_.erase(0, at);
-            at = 0;
-        }
-        if (!take("--frame\r\nContent-Type: image/jpg\r\nContent-Length: ")) return false;
-        const size_t digits = buffer_.find_first_not_of("0123456789", at);
-        if (digits == std::string::npos) return false;
-        failed_ = digits == at || digits - at > 9 || (buffer_[at] == '0' && digits > at + 1);
-        const size_t length = failed_ ? 0 : std::stoul(buffer_.substr(at, digits - at));
-        at = digits;
-        if (!take("\r\n\r\n") || buffer_.size() - at < length) return false;
+        const std::string start = (parts_ ? "" : kStreamHeader) + "--frame\r\nContent-Type: image/jpg\r\nContent-Length: ";
+        const size_t n = std::min(start.size(), buffer_.size()), end = buffer_.find("\r\n\r\n", start.size());
+        // At most nine digits, no leading zero.
+        failed_ = failed_ || buffer_.compare(0, n, start, 0, n) != 0 || (end == npos && buffer_.size() > start.size() + 12);
+        if (failed_ || end == npos) return false;
+        const std::string digits = buffer_.substr(start.size(), end - start.size());
+        failed_ = digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != npos ||
+                  std::to_string(std::stoul(digits)) != digits;
+        const size_t length = failed_ ? 0 : std::stoul(digits), at = end + 4;
+        if (failed_ || buffer_.size() < at + length) return false;
         jpeg = buffer_.substr(at, length);
-        failed_ = length < 4 || jpeg.compare(0, 2, "\xff\xd8") != 0 || jpeg.compare(length - 2, 2, "\xff\xd9") != 0;
+        failed_ = length < 4 || !jpeg.starts_with("\xff\xd8") || !jpeg.ends_with("\xff\xd9");
         if (!failed_) buffer_.erase(0, at + length), ++parts_;
         return !failed_;
     }
     bool failed() const { return failed_; }
     size_t parts() const { return parts_; }
-    // Every complete part of `bytes`; false if they are malformed.
-    static bool split(const std::string& bytes, std::vector<std::string>& jpegs) {
-        PartParser parser;
-        parser.append(bytes);
-        for (std::string jpeg; parser.next(jpeg);) jpegs.push_back(jpeg);
-        return !parser.failed();
-    }
 
 private:
+    static constexpr size_t npos = std::string::npos;
     std::string buffer_;
     size_t parts_ = 0;
-    bool headerDone_ = false, failed_ = false;
+    bool failed_ = false;
 };
-
-// Camera-like content: smooth shapes at several scales, sharp edges and
-// sensor noise, so that every DCT coefficient and rounding case is hit.
-inline cv::Mat scene(cv::Size size) {
-    cv::RNG rng(size.area());
-    cv::Mat picture(size, CV_8UC3), coarse(size / 24 + cv::Size(2, 2), CV_8UC3), noise(size, CV_8UC3);
-    rng.fill(coarse, cv::RNG::UNIFORM, 0, 256);
-    cv::resize(coarse, picture, size, 0, 0, cv::INTER_CUBIC);
-    for (int i = 0; i < 40; ++i) {
-        cv::line(picture, {rng.uniform(0, size.width), rng.uniform(0, size.height)},
-                 {rng.uniform(0, size.width), rng.uniform(0, size.height)},
-                 cv::Scalar(rng.uniform(0, 256), rng.uniform(0, 256), rng.uniform(0, 256)), 3);
-    }
-    rng.fill(noise, cv::RNG::NORMAL, 0, 12);
-    cv::add(picture, noise, picture, cv::noArray(), CV_8UC3);
-    return picture;
-}
-
-inline bool same(const cv::Mat& a, const cv::Mat& b) { return a.size() == b.size() && cv::norm(a, b, cv::NORM_INF) == 0; }
 
 class FakeRates : public RateSource {
 public:
