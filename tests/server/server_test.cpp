@@ -2,6 +2,8 @@
 // coming and going, and the listener's failures. (What a first request
 // gets: tests/fuzz/corpus/fuzz_request.)
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -65,6 +67,14 @@ TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
         ASSERT_TRUE(passUntil([&] { return server.clientList().size() >= listed; }));
         EXPECT_EQ(server.clientList().size(), listed);  // one accept per pass
     }
+    // A viewer that takes nothing (stopped, or vanished) is dropped after 10 s.
+    std::vector<int> bounds;
+    for (const auto& [level, option] : {std::pair<int, int>{IPPROTO_TCP, TCP_USER_TIMEOUT}, {SOL_SOCKET, SO_KEEPALIVE},
+                                        {IPPROTO_TCP, TCP_KEEPIDLE}, {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}}) {
+        socklen_t size = sizeof(int);
+        getsockopt(server.clientList().back()->fd, level, option, &bounds.emplace_back(), &size);
+    }
+    EXPECT_EQ(bounds, (std::vector<int>{10'000, 1, 5, 1, 5}));
     // A half-closed client goes with its request unread; a vanished
     // streaming client makes sends fail (errno on stderr) until the next pass.
     clients[0]->sendText("GET /?frame_id=1");
@@ -92,6 +102,21 @@ TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
     EXPECT_EQ(GetCapturedStderr(), "Can't bind socket\n");
     second.handleEvents();
     EXPECT_EQ(second.sendFrame(kJpeg), 0);
+    // A pass whose accept finds no descriptor left reports it and leaves the
+    // connection for a later pass.
+    LoopbackClient client(first.boundPort());
+    rlimit normal{};
+    getrlimit(RLIMIT_NOFILE, &normal);
+    CaptureStderr();
+    const int next = dup(0);  // the lowest free descriptor
+    close(next);
+    const rlimit none{static_cast<rlim_t>(next), normal.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    first.handleEvents();
+    setrlimit(RLIMIT_NOFILE, &normal);
+    EXPECT_EQ(GetCapturedStderr(), "accept() failure: Too many open files\n");
+    EXPECT_TRUE(waitFor([&] { return first.handleEvents(), first.clientList().size() == 1; }));
+    first.removeClient(first.clientList().front());
 }
 
 }  // namespace
