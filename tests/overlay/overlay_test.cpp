@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "frame_composer.h"
+#include "jpeg_writer.h"
 #include "scale_three_to_two.h"
 #include "support.h"
 
@@ -232,8 +233,9 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
     }
 }
 
-TEST(FastPath, KernelEqualsLibraryOnNarrowFrames) {
-    // Widths that leave the vector loop a scalar tail, or nothing but one.
+// Widths that leave the kernel's vector loop a scalar tail, or nothing but
+// one, and JPEG blocks that the picture only partly fills.
+TEST(FastPath, KernelAndEncoderEqualLibraryOnNarrowFrames) {
     for (const cv::Size to : {cv::Size(40, 20), cv::Size(4, 2), cv::Size(66, 8)}) {
         SCOPED_TRACE(to);
         cv::Mat image = scene(cv::Size(to.width * 3 / 2, to.height * 3 / 2)), expected;
@@ -242,6 +244,9 @@ TEST(FastPath, KernelEqualsLibraryOnNarrowFrames) {
         cv::Mat scaled;
         scaleThreeToTwo(image, scaled, to);
         EXPECT_TRUE(same(scaled, expected));
+        std::vector<uchar> jpeg, expectedJpeg;
+        cv::imencode(".jpg", scaled, expectedJpeg, {cv::IMWRITE_JPEG_QUALITY, 55});
+        EXPECT_TRUE(JpegWriter().write(scaled, 55, jpeg) && jpeg == expectedJpeg);
     }
     EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1920, CV_8UC1), cv::Size(1280, 720)));
 }
