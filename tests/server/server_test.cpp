@@ -19,12 +19,6 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-// A part and a single-image answer, byte for byte.
-const std::string kJpeg = "\xff\xd8 twelve \xff\xd9";
-const std::string kPart = "--frame\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
-const std::string kSingle =
-    "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
-
 class ServerTest : public ::testing::Test {
 protected:
     ~ServerTest() override {

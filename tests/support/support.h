@@ -34,6 +34,12 @@ inline const std::string kStreamHeader =
     "HTTP/1.0 200 OK\r\nAccept-Range: bytes\r\nConnection: close\r\nMax-Age: 0\r\nExpires: 0\r\n"
     "Cache-Control: no-cache, private\r\nPragma: no-cache\r\n"
     "Content-Type: multipart/x-mixed-replace;boundary=frame\r\n\r\n";
+// A 12-byte JPEG as one part of the stream and as a single-image answer.
+inline const std::string kJpeg = "\xff\xd8 twelve \xff\xd9";
+inline const std::string kPartStart = "--frame\r\nContent-Type: image/jpg\r\nContent-Length: ";
+inline const std::string kPart = kPartStart + "12\r\n\r\n" + kJpeg;
+inline const std::string kSingle =
+    "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
 
 class TempDir {
 public:
@@ -222,7 +228,7 @@ public:
     // The next complete part's JPEG; false when more bytes are needed or
     // the stream is malformed (failed()).
     bool next(std::string& jpeg) {
-        const std::string start = (parts_ ? "" : kStreamHeader) + "--frame\r\nContent-Type: image/jpg\r\nContent-Length: ";
+        const std::string start = (parts_ ? "" : kStreamHeader) + kPartStart;
         const size_t n = std::min(start.size(), buffer_.size()), end = buffer_.find("\r\n\r\n", start.size());
         // At most nine digits, no leading zero.
         failed_ = failed_ || buffer_.compare(0, n, start, 0, n) != 0 || (end == npos && buffer_.size() > start.size() + 12);
