@@ -67,7 +67,7 @@ inline void writeFile(const std::string& path, const std::string& text, time_t m
 }
 
 // Polls every 5 ms until `condition` holds or `timeout` passes.
-inline bool waitFor(const std::function<bool()>& condition, Millis timeout = 10s) {
+inline bool waitFor(const std::function<bool()>& condition, Millis timeout = 30s) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (; !condition(); std::this_thread::sleep_for(5ms)) {
         if (std::chrono::steady_clock::now() > deadline) return false;
