@@ -10,11 +10,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,10 +45,7 @@ inline const std::string kSingle =
 
 class TempDir {
 public:
-    TempDir() {
-        std::string name = std::filesystem::temp_directory_path() / "vs-test-XXXXXX";
-        path_ = mkdtemp(name.data());
-    }
+    TempDir() : path_(std::filesystem::temp_directory_path() / "vs-test-XXXXXX") { mkdtemp(path_.data()); }
     ~TempDir() { std::filesystem::remove_all(path_); }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
@@ -84,8 +83,7 @@ inline std::vector<std::string> logMessages(const std::string& path = kLogPath) 
 }
 
 inline int countLines(const std::string& path, const std::string& message) {
-    const auto all = logMessages(path);
-    return static_cast<int>(std::count(all.begin(), all.end(), message));
+    return static_cast<int>(std::ranges::count(logMessages(path), message));
 }
 
 inline int openFds() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
@@ -123,8 +121,7 @@ public:
         if ((pid_ = fork()) == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (getppid() != parent) _exit(127);
-            sigset_t none;
-            sigemptyset(&none);
+            const sigset_t none{};  // all clear: no signal blocked
             sigprocmask(SIG_SETMASK, &none, nullptr);
             dup2(open(dir_.file("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
             dup2(open(dir_.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
@@ -143,7 +140,6 @@ public:
         if (pid_ > 0 && !waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
-            status = -1;
         }
         pid_ = -1;
         return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -168,10 +164,7 @@ public:
         stop(SIGKILL);
         return false;
     }
-    int stop(int sig = SIGTERM) {
-        signal(sig);
-        return waitExit(5s);
-    }
+    int stop(int sig = SIGTERM) { return signal(sig), waitExit(5s); }
     const std::string& url() const { return url_; }
     int port() const { return port_; }
     std::string testUrl() const { return "127.0.0.1:" + std::to_string(port_); }
@@ -185,9 +178,7 @@ private:
     int port_ = 0;
 };
 
-inline bool waitUntilServing(Millis timeout = 20s) {
-    return waitFor([] { return countLines(kLogPath, "Starting main loop") > 0; }, timeout);
-}
+inline bool waitUntilServing() { return waitFor([] { return countLines(kLogPath, "Starting main loop") > 0; }); }
 
 class LoopbackClient {
 public:
@@ -220,37 +211,33 @@ private:
 };
 
 // Strict parser of the server's stream as it arrives: its exact header,
-// then "--frame" parts back to back, each one JPEG (FF D8 ... FF D9).
-// Anything else fails it for good.
+// then "--frame" parts back to back, each one JPEG (FF D8 ... FF D9) whose
+// length has at most nine digits and no leading zero. Anything else fails
+// it for good.
 class PartParser {
 public:
     void append(const std::string& bytes) { buffer_ += bytes; }
     // The next complete part's JPEG; false when more bytes are needed or
     // the stream is malformed (failed()).
     bool next(std::string& jpeg) {
-        const std::string start = (parts_ ? "" : kStreamHeader) + kPartStart;
+        static const std::regex digits("[1-9][0-9]{0,8}");
+        const std::string start = (headerSeen_ ? "" : kStreamHeader) + kPartStart;
         const size_t n = std::min(start.size(), buffer_.size()), end = buffer_.find("\r\n\r\n", start.size());
-        // At most nine digits, no leading zero.
-        failed_ = failed_ || buffer_.compare(0, n, start, 0, n) != 0 || (end == npos && buffer_.size() > start.size() + 12);
-        if (failed_ || end == npos) return false;
-        const std::string digits = buffer_.substr(start.size(), end - start.size());
-        failed_ = digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != npos ||
-                  std::to_string(std::stoul(digits)) != digits;
-        const size_t length = failed_ ? 0 : std::stoul(digits), at = end + 4;
-        if (failed_ || buffer_.size() < at + length) return false;
+        failed_ = failed_ || buffer_.compare(0, n, start, 0, n) != 0 || (end == npos && buffer_.size() > start.size() + 12) ||
+                  (end != npos && !std::regex_match(buffer_.substr(start.size(), end - start.size()), digits));
+        const size_t length = failed_ || end == npos ? 0 : std::stoul(buffer_.substr(start.size())), at = end + 4;
+        if (failed_ || end == npos || buffer_.size() < at + length) return false;
         jpeg = buffer_.substr(at, length);
         failed_ = length < 4 || !jpeg.starts_with("\xff\xd8") || !jpeg.ends_with("\xff\xd9");
-        if (!failed_) buffer_.erase(0, at + length), ++parts_;
+        if (!failed_) buffer_.erase(0, at + length), headerSeen_ = true;
         return !failed_;
     }
     bool failed() const { return failed_; }
-    size_t parts() const { return parts_; }
 
 private:
     static constexpr size_t npos = std::string::npos;
     std::string buffer_;
-    size_t parts_ = 0;
-    bool failed_ = false;
+    bool headerSeen_ = false, failed_ = false;
 };
 
 class FakeRates : public RateSource {
