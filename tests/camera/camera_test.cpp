@@ -27,8 +27,7 @@ std::vector<int> run(FrameRing& ring, const std::string& ops, int64_t stepNanos 
         for (int i = 0; i < times; ++i) {
             g_now += stepNanos;
             if (op.back() == 'c') ring.commitFrame();
-            if (op.back() == 'n') taken.push_back(ring.takeNewest());
-            if (op.back() == 'x') taken.push_back(ring.takeAndClear());
+            else taken.push_back(op.back() == 'n' ? ring.takeNewest() : ring.takeAndClear());
         }
     }
     return taken;

@@ -14,8 +14,6 @@
 #include "support.h"
 
 using namespace support;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -78,9 +76,9 @@ class OverlayTest : public ::testing::Test {
 protected:
     // Applies the overlay file to a copy of `background`; returns what was printed.
     std::string apply(cv::Mat& frame) {
-        CaptureStdout();
+        testing::internal::CaptureStdout();
         composer.applyOverlays(frame);
-        return GetCapturedStdout();
+        return testing::internal::GetCapturedStdout();
     }
     cv::Mat draw(const std::string& json, const cv::Mat& background) {
         writeFile(path, json, ++mtime);
@@ -103,28 +101,22 @@ protected:
 TEST_F(OverlayTest, FileIsFollowedByItsModificationTimeAndOnlyBoundedRegularFilesAreParsed) {
     const std::string good = document({element("text", "Hello")});
     const auto write = [&](std::string text, time_t t) { return [=, this] { writeFile(path, text, t); }; };
-    const auto make = [&](std::function<void()> f, time_t t = 0) {
+    // Replaces whatever is at `path` with what `create` makes, modified at `t`.
+    const auto make = [&](std::function<void()> create, time_t t) {
         return [=, this] {
-            std::filesystem::remove_all(path);
-            f();
+            std::filesystem::remove_all(path), create();
             const timespec times[2] = {{t, 0}, {t, 0}};
             utimensat(AT_FDCWD, path.c_str(), times, 0);
         };
     };
     const std::string missing = "{P} updated\nArray 'overlays' missing in {P}\n", error = "{P} updated\nError parsing {P}\n";
-    struct Step {
-        const char* what;
-        std::function<void()> act;
-        std::string printed;
-        bool drawn;
-    };
-    const Step steps[] = {
+    const std::tuple<const char*, std::function<void()>, std::string, bool> steps[] = {
         {"absent at start", [] {}, "Cannot stat {P}\n", false},
         {"still absent", [] {}, "", false},
         {"created", write(good, 1000), "{P} updated\n", true},
         {"unchanged", [] {}, "", true},
         {"rewritten within the second", write("{broken", 1000), "", true},
-        {"deleted", make([] {}), "Cannot stat {P}\n", false},
+        {"deleted", [&] { std::filesystem::remove(path); }, "Cannot stat {P}\n", false},
         {"restored within the second", write("{broken", 1000), "", true},
         {"invalid JSON", write("{broken", 1001), error, false},
         {"invalid, unchanged", [] {}, "", false},
@@ -133,19 +125,19 @@ TEST_F(OverlayTest, FileIsFollowedByItsModificationTimeAndOnlyBoundedRegularFile
         {"rejected, unchanged", [] {}, "", false},
         {"overlays an object", write(R"({"overlays":{"x":1}})", 1004), missing, false},
         {"empty array", write(R"({"overlays":[]})", 1005), "{P} updated\nNo overlays in {P}\n", false},
-        {"restored, nothing kept", make(write(good, 1005), 1005), "", false},
+        {"restored, nothing kept", write(good, 1005), "", false},
         {"a FIFO", make([&] { mkfifo(path.c_str(), 0600); }, 2000), error, false},
         {"a directory", make([&] { std::filesystem::create_directory(path); }, 2001), error, false},
         {"over 1 MiB", make(write(good + std::string(kMaxOverlayFileBytes, ' '), 1), 1), error, false},
         {"just 1 MiB", write(good + std::string(kMaxOverlayFileBytes - good.size(), ' '), 2), "{P} updated\n", true},
         {"empty", write("", 3), error, false},
     };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.what);
-        step.act();
+    for (const auto& [what, act, said, drawn] : steps) {
+        SCOPED_TRACE(what);
+        act();
         cv::Mat frame = solid(100);
-        EXPECT_EQ(apply(frame), p(step.printed));
-        EXPECT_EQ(!same(frame, solid(100)), step.drawn);
+        EXPECT_EQ(apply(frame), p(said));
+        EXPECT_EQ(!same(frame, solid(100)), drawn);
     }
 }
 
