@@ -33,22 +33,26 @@ build: deps
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
-# The whole suite again under ASan + UBSan, then under TSan. Reports from
-# every process, the server and camera children included, fail the run (see
-# tests/sanitizers/run).
-test-sanitize: deps
-	JOBS=$(JOBS) tests/sanitizers/run address,undefined $(ASAN_BUILD_DIR)
-	JOBS=$(JOBS) tests/sanitizers/run thread $(TSAN_BUILD_DIR)
+# The whole suite again under ASan + UBSan, then under TSan: clang, a build
+# directory each. Reports from every process, the server and camera children
+# included, fail the run (see tests/CMakeLists.txt).
+sanitized = CC=clang CXX=clang++ cmake -S . -B $(1) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVS_SANITIZE=$(2) && \
+	cmake --build $(1) -j $(JOBS) && cd $(1) && ctest --output-on-failure -j $(JOBS) --timeout 600
+comma := ,
+
+test-sanitize: test-asan test-tsan
 
 test-asan: deps
-	JOBS=$(JOBS) tests/sanitizers/run address,undefined $(ASAN_BUILD_DIR)
+	$(call sanitized,$(ASAN_BUILD_DIR),address$(comma)undefined)
 
 test-tsan: deps
-	JOBS=$(JOBS) tests/sanitizers/run thread $(TSAN_BUILD_DIR)
+	$(call sanitized,$(TSAN_BUILD_DIR),thread)
 
-# Each libFuzzer target for FUZZ_SECONDS (see tests/sanitizers/run).
+# Each libFuzzer target for FUZZ_SECONDS (see tests/fuzz/CMakeLists.txt).
 fuzz: deps
-	JOBS=$(JOBS) tests/sanitizers/run fuzz $(FUZZ_BUILD_DIR) $(FUZZ_SECONDS)
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVS_FUZZ=ON \
+		-DBUILD_TESTING=OFF -DCMAKE_DISABLE_FIND_PACKAGE_benchmark=TRUE -DFUZZ_SECONDS=$(FUZZ_SECONDS)
+	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzz-run
 
 # Streams to several clients for SOAK_SECONDS (default 10 minutes) and checks
 # the server's memory and descriptors stay flat (see scripts/soak).
