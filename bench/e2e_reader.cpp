@@ -68,7 +68,7 @@ long vmHwmKib(long pid) {
 
 // A non-blocking connection attempt to the server; -1 if none could start.
 int startConnect(int port) {
-    const sockaddr_in addr = support::loopback(port);
+    const sockaddr_in addr = loopback(port);
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
     if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 &&
         errno != EINPROGRESS) {
@@ -94,7 +94,7 @@ bool reachedServer(int fd, int port) {
 struct Stream {
     int fd = -1;
     bool requested = false;  // connected and the request sent
-    support::PartParser parser;
+    PartParser parser;
     std::string tail;  // last bytes of the previous read (--stdin)
     std::unordered_set<std::size_t> seen;
     bool started = false;

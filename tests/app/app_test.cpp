@@ -2,16 +2,9 @@
 // lines: the end-to-end log test.)
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <sstream>
-
 #include "event_log.h"
 #include "settings.h"
 #include "support.h"
-
-using namespace support;
-
-namespace {
 
 class AppTest : public ::testing::Test {
 protected:
@@ -81,4 +74,3 @@ TEST_F(AppTest, LogLinesAreUtcStampedCutAndDroppedWhileTheStorageIsAway) {
     EXPECT_EQ(logMessages(away), std::vector<std::string>{"back"});
 }
 
-}  // namespace

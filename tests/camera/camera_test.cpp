@@ -2,20 +2,11 @@
 // test camera.
 #include <gtest/gtest.h>
 
-#include <opencv2/imgcodecs.hpp>
-#include <sstream>
-#include <thread>
-
 #include "camera.h"
 #include "probe.h"
 #include "support.h"
 
-using namespace support;
-
-namespace {
-
-int64_t g_now = 0;
-int64_t fakeClock() { return g_now; }
+int64_t g_now = 0;  // the rings' clock, in nanoseconds
 
 // Runs "3c n x ..." on a ring: Nc commits N frames, n takes the newest, x
 // takes and clears. Returns what the takes handed out.
@@ -43,7 +34,7 @@ TEST(FrameRing, TakesRatesAndWaits) {
         FrameRing ring;
         EXPECT_EQ(run(ring, ops), taken) << ops;
     }
-    FrameRing ring(&fakeClock);
+    FrameRing ring(+[]() -> int64_t { return g_now; });
     run(ring, "c", 1'000'000);
     EXPECT_EQ(ring.queueRate(), 0.0);  // one stamp is no interval
     run(ring, "50c", 1'000'000);
@@ -150,4 +141,3 @@ TEST_F(CameraTest, WhatTheDecoderThrowsIsLoggedAndSwallowed) {
                                                           "general exception reading frame"}));
 }
 
-}  // namespace

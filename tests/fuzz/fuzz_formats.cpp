@@ -2,11 +2,8 @@
 // against a second reading of its grammar, since a wrong "safe" hands
 // snprintf a format that reads arguments that do not exist, which no
 // sanitizer sees; then the format is drawn as a rate, a date and a text.
-#include <opencv2/core.hpp>
 
 #include <cstdlib>
-#include <regex>
-#include <string>
 
 #include "../support/support.h"
 #include "frame_composer.h"
@@ -19,7 +16,7 @@ static bool grammarAllows(const std::string& format) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static support::FakeRates rates;
+    static FakeRates rates;
     static FrameComposer composer(rates, "/nonexistent/overlays.json");
     rates.queue = 29.97;
     rates.dequeue = -1e300;

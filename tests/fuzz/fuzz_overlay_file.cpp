@@ -7,15 +7,15 @@
 #include "frame_composer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const support::TempDir dir;
+    static const TempDir dir;
     static const std::string path = dir.file("overlays.json");
-    static support::FakeRates rates;
+    static FakeRates rates;
     static FrameComposer composer(rates, path);
     static cv::Mat frame(kOutputHeight, kOutputWidth, CV_8UC3, cv::Scalar(90, 60, 40));
     static time_t version = (std::freopen("/dev/null", "w", stdout), 1);  // one message per element and frame
     rates.queue = 29.97;
     rates.dequeue = 1e300;
-    support::writeFile(path, std::string(reinterpret_cast<const char*>(data), size), version++);
+    writeFile(path, std::string(reinterpret_cast<const char*>(data), size), version++);
     const uchar* pixels = frame.data;
     composer.applyOverlays(frame);
     if (frame.data != pixels || frame.rows != kOutputHeight || frame.cols != kOutputWidth) std::abort();

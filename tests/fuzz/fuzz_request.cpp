@@ -8,8 +8,6 @@
 #include "../support/support.h"
 #include "frame_server.h"
 
-using namespace support;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FrameServer server(0);
     const std::string request(reinterpret_cast<const char*>(data), std::min<size_t>(size, 1025));

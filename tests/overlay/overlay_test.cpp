@@ -1,21 +1,13 @@
-// Following the overlay file, drawing its overlays, and composing frames;
-// the faster scaling and encoding paths against the library calls they
-// stand in for.
+// Following the overlay file, drawing its overlays, composing frames; the
+// faster scaling and encoding paths against the library calls they replace.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <sstream>
 
 #include "frame_composer.h"
 #include "jpeg_writer.h"
 #include "scale_three_to_two.h"
 #include "support.h"
-
-using namespace support;
-
-namespace {
 
 std::string element(const std::string& type, const std::string& value, double x = 50, double y = 50) {
     std::ostringstream out;
@@ -51,10 +43,7 @@ bool same(const cv::Mat& a, const cv::Mat& b) { return a.size() == b.size() && c
 
 cv::Mat solid(int value) { return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(value)); }
 
-struct Text {
-    std::string text;
-    double x, y;  // percent
-};
+struct Text { std::string text; double x, y; };  // x and y in percent
 
 // What the overlays should look like: boxes and texts drawn on a copy of
 // the whole frame in order, blended back at half weight.
@@ -71,7 +60,6 @@ cv::Mat reference(const cv::Mat& background, const std::vector<Text>& texts) {
     return out;
 }
 
-
 class OverlayTest : public ::testing::Test {
 protected:
     // Applies the overlay file to a copy of `background`; returns what was printed.
@@ -86,10 +74,7 @@ protected:
         printed = apply(frame);
         return frame;
     }
-    std::string p(std::string text) const {
-        for (size_t at; (at = text.find("{P}")) != std::string::npos;) text.replace(at, 3, path);
-        return text;
-    }
+    std::string p(const std::string& text) const { return std::regex_replace(text, std::regex("\\{P\\}"), path); }
     TempDir dir;
     std::string path = dir.file("overlays.json");
     FakeRates rates;
@@ -103,11 +88,7 @@ TEST_F(OverlayTest, FileIsFollowedByItsModificationTimeAndOnlyBoundedRegularFile
     const auto write = [&](std::string text, time_t t) { return [=, this] { writeFile(path, text, t); }; };
     // Replaces whatever is at `path` with what `create` makes, modified at `t`.
     const auto make = [&](std::function<void()> create, time_t t) {
-        return [=, this] {
-            std::filesystem::remove_all(path), create();
-            const timespec times[2] = {{t, 0}, {t, 0}};
-            utimensat(AT_FDCWD, path.c_str(), times, 0);
-        };
+        return [=, this] { std::filesystem::remove_all(path), create(), setMtime(path, t); };
     };
     const std::string missing = "{P} updated\nArray 'overlays' missing in {P}\n", error = "{P} updated\nError parsing {P}\n";
     const std::tuple<const char*, std::function<void()>, std::string, bool> steps[] = {
@@ -153,12 +134,7 @@ TEST_F(OverlayTest, ElementsDrawTheirTextsPlacedAndBlendedOrNothing) {
     std::vector<std::string> many(kMaxOverlaysPerFrame, element("text", "a", 10, 10));
     many.push_back(element("text", "b", 90, 90));
     const std::string xy = "Missing 'x' tag in overlay\nMissing 'y' tag in overlay\n";
-    struct Case {
-        std::vector<std::string> elements;
-        std::vector<Text> drawn;
-        int flat = -1;
-        std::string said = "";
-    };
+    struct Case { std::vector<std::string> elements; std::vector<Text> drawn; int flat = -1; std::string said = ""; };
     const Case cases[] = {
         {{element("text", "Camera 1")}, {{"Camera 1", 50, 50}}},
         {{element("text", "Hello", 0, 0)}, {{"Hello", 0, 0}}, 255},
@@ -243,4 +219,3 @@ TEST(FastPath, KernelAndEncoderEqualLibraryOnNarrowFrames) {
     EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1920, CV_8UC1), cv::Size(1280, 720)));
 }
 
-}  // namespace

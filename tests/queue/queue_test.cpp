@@ -2,22 +2,8 @@
 // frames in ring order, the reopen after eleven empty frames, and stop().
 #include <gtest/gtest.h>
 
-#include <opencv2/core/version.hpp>
-#include <opencv2/imgcodecs.hpp>
-#include <regex>
-
 #include "rtsp_queue.h"
 #include "support.h"
-
-using namespace support;
-
-namespace {
-
-int count(const std::string& text, const std::string& line) {
-    int n = 0;
-    for (size_t at = 0; (at = text.find("\n" + line + "\n", at)) != std::string::npos; ++at) ++n;
-    return n;
-}
 
 TEST(Queue, OpensBlockingServesInRingOrderAndReopensAfterElevenEmptyFrames) {
     TestCamera source("320x240");
@@ -25,39 +11,37 @@ TEST(Queue, OpensBlockingServesInRingOrderAndReopensAfterElevenEmptyFrames) {
     TempDir dir;
     // The reader thread prints all the time: both streams go to files for good.
     ASSERT_TRUE(std::freopen(dir.file("out").c_str(), "w", stdout) && std::freopen(dir.file("err").c_str(), "w", stderr));
-    const auto out = [&] { return "\n" + readFile(dir.file("out")); };
-    const auto err = [&] { return "\n" + readFile(dir.file("err")); };
+    const auto out = [&] { return readFile(dir.file("out")); };
+    const auto count = [&](const char* stream, const std::string& line) { return countLines(dir.file(stream), line, 0); };
     const auto start = std::chrono::steady_clock::now();
     {
         rtspQueue queue(source.url(), dir.file("overlays.json"));
         EXPECT_GE(std::chrono::steady_clock::now() - start, 7s);
-        EXPECT_EQ(out(), "\nOpening endpoint\nStream opened\nVersion = " CV_VERSION "\nStream running\n");
+        EXPECT_EQ(out(), "Opening endpoint\nStream opened\nVersion = " CV_VERSION "\nStream running\n");
         std::thread reader = queue.start();
         std::string jpeg;
         ASSERT_TRUE(waitFor([&] { return queue.getImage(jpeg); }));
         EXPECT_EQ(cv::imdecode(std::vector<uchar>(jpeg.begin(), jpeg.end()), cv::IMREAD_COLOR).size(), cv::Size(1280, 720));
-        ASSERT_TRUE(waitFor([&] { return count(out(), "Q F = 3") > 0; }));
-        const int emptyBefore = count(err(), "frame empty");
+        ASSERT_TRUE(waitFor([&] { return count("out", "Q F = 3") > 0; }));
+        const int emptyBefore = count("err", "frame empty");
         source.stop(SIGKILL);
-        EXPECT_TRUE(waitFor([&] { return count(out(), "Opening endpoint") == 2; }));
+        EXPECT_TRUE(waitFor([&] { return count("out", "Opening endpoint") == 2; }));
         while (queue.getImage(jpeg)) continue;  // what the ring still holds
         jpeg = "kept";
-        const int emptyTakes = count(out(), "DQ F = -1");
+        const int emptyTakes = count("out", "DQ F = -1");
         EXPECT_FALSE(queue.getImage(jpeg));
         EXPECT_EQ(jpeg, "kept");
-        EXPECT_EQ(count(out(), "DQ F = -1") - emptyTakes, 10);
+        EXPECT_EQ(count("out", "DQ F = -1") - emptyTakes, 10);
         const auto stopAt = std::chrono::steady_clock::now();
         queue.stop();
         reader.join();
         EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 3s);  // the 7-second pause is cut short
-        EXPECT_EQ(count(err(), "frame empty") - emptyBefore, 11);
+        EXPECT_EQ(count("err", "frame empty") - emptyBefore, 11);
     }
     EXPECT_TRUE(out().ends_with("\nStream closed\n"));
-    const std::string text = out();
-    const std::regex commit("\nQ F = (\\d+)");
     std::vector<int> committed;
-    for (std::sregex_iterator m(text.begin(), text.end(), commit), end; m != end; ++m) {
-        committed.push_back(std::stoi((*m)[1]) - static_cast<int>(committed.size() % 60));
+    for (const std::string& line : logMessages(dir.file("out"), 0)) {
+        if (line.starts_with("Q F = ")) committed.push_back(std::stoi(line.substr(6)) - static_cast<int>(committed.size() % 60));
     }
     EXPECT_EQ(committed, std::vector<int>(std::max<size_t>(committed.size(), 4), 0));  // slot after slot, round the ring
     const auto decode = [](auto read) { cv::Mat slot; return rtspQueue::decodeFrame(read, slot); };
@@ -66,4 +50,3 @@ TEST(Queue, OpensBlockingServesInRingOrderAndReopensAfterElevenEmptyFrames) {
     EXPECT_TRUE(decode([](cv::Mat& m) { m.create(2, 2, CV_8UC3); }));
 }
 
-}  // namespace

@@ -4,20 +4,12 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <memory>
-#include <regex>
 
 #include "frame_server.h"
 #include "support.h"
 
-using namespace support;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-namespace {
 
 class ServerTest : public ::testing::Test {
 protected:
@@ -113,4 +105,3 @@ TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
     first.removeClient(first.clientList().front());
 }
 
-}  // namespace

@@ -11,19 +11,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
+#include <opencv2/imgcodecs.hpp>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "rate_source.h"
-
-namespace support {
 
 using namespace std::chrono_literals;
 using Millis = std::chrono::milliseconds;
@@ -43,14 +45,11 @@ inline const std::string kPart = kPartStart + "12\r\n\r\n" + kJpeg;
 inline const std::string kSingle =
     "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: image/jpg\r\nContent-Length: 12\r\n\r\n" + kJpeg;
 
-class TempDir {
-public:
-    TempDir() : path_(std::filesystem::temp_directory_path() / "vs-test-XXXXXX") { mkdtemp(path_.data()); }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
+struct TempDir {
+    TempDir() { mkdtemp(path.data()); }
+    ~TempDir() { std::filesystem::remove_all(path); }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+    std::string path = std::filesystem::temp_directory_path() / "vs-test-XXXXXX";
 };
 
 inline std::string readFile(const std::string& path) {
@@ -58,11 +57,15 @@ inline std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// A non-zero `mtime` sets the modification time in whole seconds.
+inline void setMtime(const std::string& path, time_t mtime) {
+    const timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+// A non-zero `mtime` sets the modification time, in whole seconds.
 inline void writeFile(const std::string& path, const std::string& text, time_t mtime = 0) {
     std::ofstream(path, std::ios::binary) << text;
-    const timespec times[2] = {{mtime, 0}, {mtime, 0}};
-    if (mtime != 0) utimensat(AT_FDCWD, path.c_str(), times, 0);
+    if (mtime != 0) setMtime(path, mtime);
 }
 
 // Polls every 5 ms until `condition` holds or `timeout` passes.
@@ -74,16 +77,17 @@ inline bool waitFor(const std::function<bool()>& condition, Millis timeout = 30s
     return true;
 }
 
-// Event-log lines without their time stamp.
-inline std::vector<std::string> logMessages(const std::string& path = kLogPath) {
+// The lines of a file less their first `stamp` characters: by default an
+// event-log line's time stamp.
+inline std::vector<std::string> logMessages(const std::string& path = kLogPath, size_t stamp = 27) {
     std::vector<std::string> messages;
     std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) messages.push_back(line.size() < 27 ? "" : line.substr(27));
+    for (std::string line; std::getline(in, line);) messages.push_back(line.size() < stamp ? "" : line.substr(stamp));
     return messages;
 }
 
-inline int countLines(const std::string& path, const std::string& message) {
-    return static_cast<int>(std::ranges::count(logMessages(path), message));
+inline int countLines(const std::string& path, const std::string& message, size_t stamp = 27) {
+    return static_cast<int>(std::ranges::count(logMessages(path, stamp), message));
 }
 
 inline int openFds() { return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})); }
@@ -240,11 +244,8 @@ private:
     bool headerSeen_ = false, failed_ = false;
 };
 
-class FakeRates : public RateSource {
-public:
+struct FakeRates : RateSource {
     double queueRate() const override { return queue; }
     double dequeueRate() const override { return dequeue; }
     double queue = 0, dequeue = 0;
 };
-
-}  // namespace support
