@@ -73,4 +73,3 @@ TEST_F(AppTest, LogLinesAreUtcStampedCutAndDroppedWhileTheStorageIsAway) {
     logEvent(g_log, "back");
     EXPECT_EQ(logMessages(away), std::vector<std::string>{"back"});
 }
-

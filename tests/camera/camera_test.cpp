@@ -140,4 +140,3 @@ TEST_F(CameraTest, WhatTheDecoderThrowsIsLoggedAndSwallowed) {
     EXPECT_EQ(logMessages(log), (std::vector<std::string>{"cv exception reading frame", "std exception reading frame",
                                                           "general exception reading frame"}));
 }
-

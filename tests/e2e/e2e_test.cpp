@@ -185,4 +185,3 @@ TEST_F(StallTest, ASlowButSteadyReaderKeepsItsConnectionForAMinute) {
     EXPECT_GE(since(start), 60);
     EXPECT_GT(bytes, 0.9 * 64 * 1024 * 60);  // the server always had more for it
 }
-

@@ -218,4 +218,3 @@ TEST(FastPath, KernelAndEncoderEqualLibraryOnNarrowFrames) {
     }
     EXPECT_FALSE(canScaleThreeToTwo(cv::Mat(1080, 1920, CV_8UC1), cv::Size(1280, 720)));
 }
-

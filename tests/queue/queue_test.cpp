@@ -49,4 +49,3 @@ TEST(Queue, OpensBlockingServesInRingOrderAndReopensAfterElevenEmptyFrames) {
     EXPECT_FALSE(decode([](cv::Mat& m) { m.release(); }));
     EXPECT_TRUE(decode([](cv::Mat& m) { m.create(2, 2, CV_8UC3); }));
 }
-

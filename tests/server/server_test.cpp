@@ -104,4 +104,3 @@ TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
     EXPECT_TRUE(waitFor([&] { return first.handleEvents(), first.clientList().size() == 1; }));
     first.removeClient(first.clientList().front());
 }
-
