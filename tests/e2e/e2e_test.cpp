@@ -71,6 +71,8 @@ TEST_F(EndToEnd, SignalsStopTheServerInOrderAndTheLogTellsItsLife) {
         EXPECT_EQ(std::getline(control, announcement) ? announcement : "", "camera enable");
         const std::string awaited = opening.back();  // clang cannot capture a structured binding
         ASSERT_TRUE(waitFor([&] { return countLines(kLogPath, awaited) > 0; }));
+        // Overlay messages go out as they happen, not when a client connects.
+        ASSERT_TRUE(!withCamera || waitFor([&] { return server.out() == "Cannot stat /tmp/overlays.json\n"; }));
         ASSERT_TRUE(!withCamera || streams());
         server.signal(sig);
         EXPECT_EQ(server.waitExit(), 0);

@@ -62,11 +62,9 @@ cv::Mat reference(const cv::Mat& background, const std::vector<Text>& texts) {
 
 class OverlayTest : public ::testing::Test {
 protected:
-    // Applies the overlay file to a copy of `background`; returns what was printed.
+    // Applies the overlay file to `frame`; returns what was printed.
     std::string apply(cv::Mat& frame) {
-        testing::internal::CaptureStdout();
-        composer.applyOverlays(frame);
-        return testing::internal::GetCapturedStdout();
+        return testing::internal::CaptureStdout(), composer.applyOverlays(frame), testing::internal::GetCapturedStdout();
     }
     cv::Mat draw(const std::string& json, const cv::Mat& background) {
         writeFile(path, json, ++mtime);
@@ -191,13 +189,15 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
         EXPECT_TRUE(same(slot, expected));
         EXPECT_TRUE(jpeg == std::string(expectedJpeg.begin(), expectedJpeg.end()));
         EXPECT_EQ(jpeg.size() > 256 * 1024, c.noise > 12);
-        // The decoded 1080p buffer comes back to the slot for the next decode.
+        // The decoded 1080p buffer returns to the slot, the composed one to the next composition.
+        const uchar* composed = slot.data;
         composer.buffers.prepareForDecode(slot);
         EXPECT_EQ(slot.data == buffer, c.camera != cv::Size(1021, 767));
         EXPECT_EQ(slot.size(), c.camera == cv::Size(1021, 767) ? cv::Size(1280, 720) : c.camera);
         // Again, with the buffers, encoder and output vector of the first frame.
         cv::Mat again = scene(c.camera, c.noise);
         EXPECT_EQ(composer.composeFrame(again), jpeg);
+        EXPECT_EQ(again.data == composed, c.camera == cv::Size(1920, 1080));
     }
 }
 

@@ -106,10 +106,7 @@ inline int listenOnLoopback(int& port, int backlog = 16) {
     return fd;
 }
 
-inline int freeLoopbackPort() {
-    int port = 0;
-    return close(listenOnLoopback(port)), port;
-}
+inline int freeLoopbackPort() { int port = 0; return close(listenOnLoopback(port)), port; }
 
 // A child process with its standard output and error in files of its own,
 // killed with the thread that started it.
