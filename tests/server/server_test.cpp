@@ -28,6 +28,7 @@ protected:
 TEST_F(ServerTest, LaterReadsNeverResendTheHeaderAndFrameIdEndsTheStream) {
     LoopbackClient silent(port);
     ASSERT_TRUE(passUntil([&] { return server.clientList().size() == 1; }));
+    EXPECT_EQ(server.clientList().front()->port, localPort(silent.fd()));
     LoopbackClient viewer(port);
     ASSERT_TRUE(passUntil([&] { return server.clientList().size() == 2; }));
     const Client* state = server.clientList().front();

@@ -94,15 +94,20 @@ inline int openFds() { return static_cast<int>(std::distance(std::filesystem::di
 
 inline sockaddr_in loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
 
+inline int localPort(int fd) {
+    sockaddr_in a{};
+    socklen_t length = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
+    return ntohs(a.sin_port);
+}
+
 // A loopback listener on a free port; `backlog` 0 still queues one connection.
 inline int listenOnLoopback(int& port, int backlog = 16) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_in a = loopback(0);
-    socklen_t length = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    const sockaddr_in a = loopback(0);
+    bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a);
     listen(fd, backlog);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
-    port = ntohs(a.sin_port);
+    port = localPort(fd);
     return fd;
 }
 
