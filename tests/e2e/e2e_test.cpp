@@ -5,18 +5,43 @@
 
 #include "support.h"
 
+using Clock = std::chrono::steady_clock;
+double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+// A stream viewer on its own thread: counts parts, the longest gap between
+// two, and freezes (gaps over 3 s).
+struct Viewer {
+    explicit Viewer(int port) : client(port) {
+        client.sendText("GET / HTTP/1.1\r\n\r\n");
+        thread = std::jthread([this](std::stop_token stop) {
+            PartParser parser;
+            for (auto last = Clock::now(); !stop.stop_requested() && !broken;) {
+                const size_t had = client.data().size();
+                broken = client.readAtLeast(had + 1, 50ms).size() == had && client.eof();
+                parser.append(client.data().substr(had));
+                for (std::string jpeg; parser.next(jpeg); last = Clock::now(), ++parts) {
+                    longestGap = std::max(longestGap.load(), since(last));
+                    freezes += since(last) > 3;
+                }
+                broken = broken || parser.failed();
+            }
+        });
+    }
+    LoopbackClient client;
+    std::atomic<bool> broken{false};  // closed, reset or malformed
+    std::atomic<int> parts{0}, freezes{0};
+    std::atomic<double> longestGap{0};
+    std::jthread thread;  // stopped and joined first
+};
+
 class EndToEnd : public ::testing::Test {
 protected:
     // The HTTP port is picked while the camera holds its own, so the two differ.
     void SetUp() override { ASSERT_TRUE(camera.start()); port = freeLoopbackPort(); }
-    // True once a stream client has had a whole part.
+    // True once a stream viewer has had a whole part.
     bool streams() const {
-        LoopbackClient client(port);
-        client.sendText("GET / HTTP/1.1\r\n\r\n");
-        PartParser parser;
-        parser.append(client.readAtLeast(kStreamHeader.size() + 60'000, 15s));
-        std::string jpeg;
-        return parser.next(jpeg);
+        const Viewer viewer(port);
+        return waitFor([&] { return viewer.parts > 0 || viewer.broken; }, 15s) && viewer.parts > 0;
     }
     TestCamera camera;
     int port = 0;
@@ -98,36 +123,6 @@ TEST_F(EndToEnd, StreamingStartsOnceTheCameraAppears) {
     ASSERT_TRUE(camera.start());
     EXPECT_TRUE(waitFor([&] { return streams(); }));
 }
-
-using Clock = std::chrono::steady_clock;
-double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-// A stream viewer on its own thread: counts parts, the longest gap between
-// two, and freezes (gaps over 3 s).
-struct Viewer {
-    explicit Viewer(int port) : client(port) {
-        client.sendText("GET / HTTP/1.1\r\n\r\n");
-        thread = std::thread([this] {
-            PartParser parser;
-            for (auto last = Clock::now(); !stop && !broken;) {
-                const size_t had = client.data().size();
-                broken = client.readAtLeast(had + 1, 50ms).size() == had && client.eof();
-                parser.append(client.data().substr(had));
-                for (std::string jpeg; parser.next(jpeg); last = Clock::now(), ++parts) {
-                    longestGap = std::max(longestGap.load(), since(last));
-                    freezes += since(last) > 3;
-                }
-                broken = broken || parser.failed();
-            }
-        });
-    }
-    ~Viewer() { stop = true, thread.join(); }
-    LoopbackClient client;
-    std::atomic<bool> stop{false}, broken{false};  // closed, reset or malformed
-    std::atomic<int> parts{0}, freezes{0};
-    std::atomic<double> longestGap{0};
-    std::thread thread;
-};
 
 class StallTest : public EndToEnd {
 protected:
