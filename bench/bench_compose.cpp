@@ -46,8 +46,9 @@ double seconds(Clock::duration d) { return std::chrono::duration<double>(d).coun
 const cv::Mat& input(int height) { return height == 1080 ? g_fullHd : g_hd; }
 
 FrameComposer& composer(bool overlays) {
-    static FrameComposer with(g_rates, (g_dir / "overlays.json").string());
-    static FrameComposer without(g_rates, (g_dir / "absent.json").string());
+    static FramePool pool;
+    static FrameComposer with(g_rates, pool, (g_dir / "overlays.json").string());
+    static FrameComposer without(g_rates, pool, (g_dir / "absent.json").string());
     return overlays ? with : without;
 }
 

@@ -12,7 +12,7 @@ constexpr int kImagePolls = 1000;
 }  // namespace
 
 Camera::Camera(StreamSettings& settings, std::string overlayPath)
-    : composer(ring, std::move(overlayPath)), settings(&settings) {}
+    : composer(ring, ring.pool, std::move(overlayPath)), settings(&settings) {}
 
 Camera::~Camera() {
     // The main program always calls stop() first; a test or an early return
@@ -67,12 +67,11 @@ void Camera::stop() {
 
 void Camera::readLoop() {
     do {
-        // Decode straight into the ring's write slot: no intermediate copy.
-        // A slot holding a composed frame first gets a spare buffer of the
-        // decoded size back from the composer, so decoding allocates nothing.
-        composer.buffers.prepareForDecode(ring.writeSlot());
-        decodeGuarded([this](cv::Mat& slot) { capture >> slot; }, ring.writeSlot());
-        if (ring.writeSlot().empty()) {
+        // Decode straight into the ring's write slot, which holds a spare
+        // buffer of the decoded size: no intermediate copy, no allocation.
+        cv::Mat& slot = ring.prepareWriteSlot();
+        decodeGuarded([this](cv::Mat& target) { capture >> target; }, slot);
+        if (slot.empty()) {
             logEvent(g_log, "Empty frame");
         } else {
             ring.commitFrame();

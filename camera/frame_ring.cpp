@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 int64_t FrameRing::systemClockNanos() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -11,13 +12,33 @@ int64_t FrameRing::systemClockNanos() {
 
 FrameRing::FrameRing(Clock clock) : clock(clock) {}
 
+cv::Mat& FrameRing::prepareWriteSlot() {
+    cv::Mat& slot = writeSlot();
+    if (decodedType != -1 && (slot.size() != decodedSize || slot.type() != decodedType)) {
+        // The slot is empty, or still holds a composed frame that the
+        // consumer let go of long ago.
+        pool.give(std::exchange(slot, pool.take(decodedSize, decodedType)));
+    }
+    return slot;
+}
+
 void FrameRing::commitFrame() {
     const int64_t now = clock();
+    decodedSize = frames[writeIndex].size();
+    decodedType = frames[writeIndex].type();
+    int32_t replaced;
     {
         MutexLock lock(&ringMutex);
+        // The slot served last is the consumer's, unless the producer has
+        // come round to it since: then it holds a frame no take hands out.
+        replaced = lastWritten != lastServed || servedSlotRewritten ? lastWritten : -1;
+        servedSlotRewritten = writeIndex == lastServed;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
     }
+    // No take can reach the replaced frame any more and the consumer does
+    // not hold it: its buffer is free.
+    if (replaced != -1) pool.give(std::move(frames[replaced]));
     committed.signal();
     if (const auto rate = pushStamp(queueStamps, now)) {
         MutexLock lock(&rateMutex);
@@ -35,14 +56,26 @@ bool FrameRing::waitForNew(int64_t micros) {
     return true;
 }
 
+cv::Mat FrameRing::handOut(int32_t taken) {
+    cv::Mat released;
+    // Moved under ringMutex: once the lock is released, a commit may make
+    // this slot the producer's write slot.
+    if (lastServed != -1 && lastServed != writeIndex) released = std::move(frames[lastServed]);
+    lastServed = taken;
+    servedSlotRewritten = false;
+    return released;
+}
+
 int FrameRing::takeNewest() {
     int i;
+    cv::Mat released;
     {
         MutexLock lock(&ringMutex);
         i = lastWritten;
         if (i == lastServed) return -1;
-        lastServed = i;
+        released = handOut(i);
     }
+    pool.give(std::move(released));
     if (i == -1) return -1;
     recordTake();
     return i;
@@ -50,11 +83,14 @@ int FrameRing::takeNewest() {
 
 int FrameRing::takeAndClear() {
     int i;
+    cv::Mat released;
     {
         MutexLock lock(&ringMutex);
         i = lastWritten;
         lastWritten = -1;
+        if (i != -1) released = handOut(i);
     }
+    pool.give(std::move(released));
     if (i != -1) recordTake();
     return i;
 }

@@ -6,6 +6,14 @@
 // Slots are not locked. A slot handed out by takeNewest() is written again
 // only after 59 further commits, so the consumer must be done with it within
 // that time (about two seconds at 30 frames per second).
+//
+// Only three slots hold a frame buffer at a time: the one being written, the
+// newest committed one and the one handed out last. A commit gives the
+// buffer of the frame it replaces to `pool` unless the consumer took that
+// frame; a take gives back the buffer of the slot handed out before it; the
+// producer fills its next slot from the pool. Skipped frames therefore cost
+// no memory, and neither side allocates per frame once the pool holds a
+// buffer of each size.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -16,6 +24,7 @@
 #include <deque>
 #include <optional>
 
+#include "frame_pool.h"
 #include "rate_source.h"
 #include "thread_annotations.h"
 
@@ -39,6 +48,10 @@ public:
         (void)consumerDone.load(std::memory_order_acquire);
         return frames[writeIndex];
     }
+    // Producer, before decoding: writeSlot(), holding a spare buffer of the
+    // last committed frame's size and type when the slot has none of its own
+    // (so the decoder writes into it instead of allocating).
+    cv::Mat& prepareWriteSlot();
     // Producer: publishes writeSlot() and moves on; records a commit stamp
     // and wakes a consumer in waitForNew().
     void commitFrame() EXCLUDES(ringMutex, rateMutex);
@@ -48,7 +61,9 @@ public:
     bool waitForNew(int64_t micros) EXCLUDES(ringMutex);
 
     // Consumer: the newest committed slot if it is not the one handed out
-    // last, else -1. Records a take stamp when it hands one out.
+    // last, else -1. Records a take stamp when it hands one out, and gives
+    // the previously handed-out slot's buffer to the pool (unless the
+    // producer is writing into that slot again already).
     int takeNewest() EXCLUDES(ringMutex, rateMutex);
     // Consumer: take-and-clear variant. Hands out the newest committed slot
     // and forgets it, so a take finds something only after a new commit.
@@ -68,6 +83,9 @@ public:
 
     int32_t writeIndexValue() const { return writeIndex; }
 
+    // Spare buffers for the producer and for the consumer's composer.
+    FramePool pool;
+
     // Consumer-only: the slot being composed, -1 while none. Not guarded.
     int32_t servingIndex = -1;
 
@@ -76,11 +94,17 @@ private:
     // returns the rate over it; nothing below two stamps.
     static std::optional<double> pushStamp(std::deque<int64_t>& history, int64_t stamp);
     void recordTake() EXCLUDES(ringMutex, rateMutex);
+    // Hands `taken` out as the consumer's slot; returns the buffer of the
+    // slot it replaces as such, for the pool, unless that is the write slot.
+    cv::Mat handOut(int32_t taken) REQUIRES(ringMutex);
 
     std::array<cv::Mat, kSlots> frames;
     int32_t writeIndex = 0;  // written by the producer only (under ringMutex)
     int32_t lastWritten GUARDED_BY(ringMutex) = -1;
     int32_t lastServed GUARDED_BY(ringMutex) = -1;
+    bool servedSlotRewritten GUARDED_BY(ringMutex) = false;  // committed into lastServed's slot
+    cv::Size decodedSize;  // producer's: the last committed frame's shape
+    int decodedType = -1;
     CondVar committed;  // signalled on every commit; waited on with ringMutex
     std::deque<int64_t> queueStamps;    // producer's
     std::deque<int64_t> dequeueStamps;  // consumer's

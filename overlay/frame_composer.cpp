@@ -61,8 +61,9 @@ bool isSafeRateFormat(const char* format) {
     return conversions == 1;
 }
 
-FrameComposer::FrameComposer(const RateSource& rateSource, std::string overlayPath)
-    : overlayFile(std::move(overlayPath)), rates(rateSource) {}
+FrameComposer::FrameComposer(const RateSource& rateSource, FramePool& framePool,
+                             std::string overlayPath)
+    : overlayFile(std::move(overlayPath)), rates(rateSource), pool(framePool) {}
 
 std::string FrameComposer::composeFrame(cv::Mat& slot) { return composeFrame(slot, jpegOutput); }
 
@@ -77,15 +78,14 @@ std::string FrameComposer::composeFrame(cv::Mat& slot, std::vector<uchar>& jpegB
 
 void FrameComposer::scaleToOutput(cv::Mat& frame) {
     const cv::Size output(kOutputWidth, kOutputHeight);
+    if (frame.size() == output) return;  // the library would leave it as it is
+    cv::Mat scaled = pool.take(output, frame.type());
     if (canScaleThreeToTwo(frame, output)) {
-        cv::Mat scaled = buffers.takeOutputBuffer(output, frame.type());
         scaleThreeToTwo(frame, scaled, output);
-        buffers.putDecodeBuffer(std::exchange(frame, scaled));
     } else {
-        // In place: the library gives the slot a new buffer when the size
-        // changes and leaves a frame that is already 1280 x 720 as it is.
-        cv::resize(frame, frame, output, 0, 0, cv::INTER_LINEAR);
+        cv::resize(frame, scaled, output, 0, 0, cv::INTER_LINEAR);
     }
+    pool.give(std::exchange(frame, std::move(scaled)));
 }
 
 void FrameComposer::encode(const cv::Mat& frame, std::vector<uchar>& out) {

@@ -4,16 +4,16 @@
 //
 // The bytes are those of cv::resize (INTER_LINEAR) and cv::imencode with
 // encodeParams; two faster paths give the same bytes and are chosen by the
-// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo into a
-// buffer from `buffers`, and 8-bit 3-channel frames are encoded by
-// JpegWriter when the parameters are a quality alone. Anything else takes
-// the library calls.
+// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo, and 8-bit
+// 3-channel frames are encoded by JpegWriter when the parameters are a
+// quality alone. Anything else takes the library calls.
 //
 // Owns: the overlay file state, the overlay canvas, the encoder and its
-// parameters, and the output buffer of composeFrame(slot). Main thread only
-// (the consumer of the frame ring), except `buffers`, which the read thread
-// uses too; the only other lock taken is the rate source's own, inside
-// drawRateText, for one read.
+// parameters, and the output buffer of composeFrame(slot). Borrows: the
+// frame pool it scales into (the frame ring's, shared with the read thread)
+// and the rate source. Main thread only (the consumer of the frame ring);
+// the only locks it takes are the pool's and, inside drawRateText, the rate
+// source's, each for a moment.
 //
 // Every overlay is one line of white Hershey duplex text on a filled black
 // box centred on its position. All overlays of a frame are drawn onto
@@ -46,7 +46,7 @@
 #include <string>
 #include <vector>
 
-#include "buffer_exchange.h"
+#include "frame_pool.h"
 #include "jpeg_writer.h"
 #include "overlay_file.h"
 #include "rate_source.h"
@@ -68,8 +68,8 @@ bool isSafeRateFormat(const char* format);
 
 class FrameComposer {
 public:
-    // `rates` must outlive the composer.
-    explicit FrameComposer(const RateSource& rates, std::string overlayPath = kOverlayFilePath);
+    // `rates` and `pool` must outlive the composer.
+    FrameComposer(const RateSource& rates, FramePool& pool, std::string overlayPath = kOverlayFilePath);
     FrameComposer(const FrameComposer&) = delete;
     FrameComposer& operator=(const FrameComposer&) = delete;
 
@@ -77,15 +77,15 @@ public:
     // empty result and is left alone). Scales the slot in place to
     // 1280 x 720, applies the overlays and encodes it; the slot keeps the
     // composed frame. Returns the JPEG bytes, empty if the encoder made none.
-    // A 1920 x 1080 slot is scaled into a buffer from `buffers` and its own
-    // buffer goes there, for the read thread to decode into again: so no
-    // other Mat may share the slot's buffer. The encoder writes into a member
-    // buffer reused frame to frame.
+    // A slot of another size is scaled into a buffer from the pool, and its
+    // own buffer goes to the pool for the read thread to decode into again.
+    // The encoder writes into a member buffer reused frame to frame.
     std::string composeFrame(cv::Mat& slot);
     // Same, encoding into the caller's vector, which keeps its capacity.
     std::string composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer);
 
-    // The scaling step alone: `frame` becomes 1280 x 720.
+    // The scaling step alone: `frame` becomes 1280 x 720, its old buffer a
+    // spare in the pool.
     void scaleToOutput(cv::Mat& frame);
     // The encoding step alone, into `out` (replacing its content).
     void encode(const cv::Mat& frame, std::vector<uchar>& out);
@@ -103,8 +103,6 @@ public:
     void drawImage(const char* path);
 
     std::vector<int> encodeParams{cv::IMWRITE_JPEG_QUALITY, 55};
-    // The only member the read thread may use (prepareForDecode).
-    BufferExchange buffers;
     // The copy of the frame the overlays are drawn on; keeps its buffer.
     // After a pass only the areas drawn in hold the frame's pixels.
     cv::Mat overlayCanvas;
@@ -139,6 +137,7 @@ private:
                         char (&text)[kTimeTextBytes]) const;
 
     const RateSource& rates;
+    FramePool& pool;
     JpegWriter jpegWriter;
     // Reused from frame to frame.
     std::vector<uchar> jpegOutput;

@@ -25,7 +25,7 @@ void sayIndex(const char* format, int index) {
 }  // namespace
 
 rtspQueue::rtspQueue(std::string url, std::string overlayPath)
-    : url(std::move(url)), composer(ring, std::move(overlayPath)) {
+    : url(std::move(url)), composer(ring, ring.pool, std::move(overlayPath)) {
     // The encoder parameters are filled once the stream is open.
     composer.encodeParams.clear();
 
@@ -85,7 +85,7 @@ void rtspQueue::readLoop() {
     int emptyFrames = 0;
     while (running) {
         // Decode straight into the ring's write slot: no intermediate copy.
-        if (decodeFrame([this](cv::Mat& slot) { capture >> slot; }, ring.writeSlot())) {
+        if (decodeFrame([this](cv::Mat& slot) { capture >> slot; }, ring.prepareWriteSlot())) {
             commitFrame();
             emptyFrames = 0;
             usleep(kCommitPauseMicros);

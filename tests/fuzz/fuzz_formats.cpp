@@ -17,7 +17,8 @@ static bool grammarAllows(const std::string& format) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FakeRates rates;
-    static FrameComposer composer(rates, "/nonexistent/overlays.json");
+    static FramePool pool;
+    static FrameComposer composer(rates, pool, "/nonexistent/overlays.json");
     rates.queue = 29.97;
     rates.dequeue = -1e300;
     composer.overlayCanvas.create(kOutputHeight, kOutputWidth, CV_8UC3);

@@ -10,7 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const TempDir dir;
     static const std::string path = dir.file("overlays.json");
     static FakeRates rates;
-    static FrameComposer composer(rates, path);
+    static FramePool pool;
+    static FrameComposer composer(rates, pool, path);
     static cv::Mat frame(kOutputHeight, kOutputWidth, CV_8UC3, cv::Scalar(90, 60, 40));
     static time_t version = (std::freopen("/dev/null", "w", stdout), 1);  // one message per element and frame
     rates.queue = 29.97;

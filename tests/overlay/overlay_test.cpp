@@ -71,7 +71,8 @@ protected:
     TempDir dir;
     std::string path = dir.file("overlays.json");
     FakeRates rates;
-    FrameComposer composer{rates, path};
+    FramePool pool;
+    FrameComposer composer{rates, pool, path};
     time_t mtime = 1000;
     std::string printed;
 };
@@ -172,7 +173,8 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
                           {{1280, 720}, true, 90}, {{1021, 767}, false}, {{1021, 767}, true}}) {
         SCOPED_TRACE(testing::Message() << c.camera << (c.withOverlays ? " with" : " without"));
         const std::string path = c.withOverlays ? overlays : dir.file("absent.json");
-        FrameComposer composer(rates, path), reference(rates, path);
+        FramePool pool;
+        FrameComposer composer(rates, pool, path), reference(rates, pool, path);
         cv::Mat slot = scene(c.camera, c.noise), expected;
         cv::resize(slot, expected, cv::Size(1280, 720), 0, 0, cv::INTER_LINEAR);
         reference.applyOverlays(expected);
@@ -183,15 +185,16 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
         EXPECT_TRUE(same(slot, expected));
         EXPECT_TRUE(jpeg == std::string(expectedJpeg.begin(), expectedJpeg.end()));
         EXPECT_EQ(jpeg.size() > 256 * 1024, c.noise > 12);
-        // The decoded 1080p buffer returns to the slot, the composed one to the next composition.
+        // A scaled frame's decoded buffer waits in the pool for the decoder; the composed
+        // one, given back, serves the next composition.
+        const bool scaled = c.camera != cv::Size(1280, 720);
         const uchar* composed = slot.data;
-        composer.buffers.prepareForDecode(slot);
-        EXPECT_EQ(slot.data == buffer, c.camera != cv::Size(1021, 767));
-        EXPECT_EQ(slot.size(), c.camera == cv::Size(1021, 767) ? cv::Size(1280, 720) : c.camera);
+        EXPECT_EQ(pool.take(c.camera, CV_8UC3).data == buffer, scaled);
+        pool.give(std::move(slot));
         // Again, with the buffers, encoder and output vector of the first frame.
         cv::Mat again = scene(c.camera, c.noise);
         EXPECT_EQ(composer.composeFrame(again), jpeg);
-        EXPECT_EQ(again.data == composed, c.camera == cv::Size(1920, 1080));
+        EXPECT_EQ(again.data == composed, scaled);
     }
 }
 

@@ -246,6 +246,27 @@ private:
     bool headerSeen_ = false, failed_ = false;
 };
 
+// While alive, the default allocator of OpenCV's matrices: counts the frame
+// buffers allocated (in all, alive now, most alive at once). Declare it
+// before the matrices it is to count, so it outlives them.
+struct CountingMatAllocator : cv::MatAllocator {
+    CountingMatAllocator() { cv::Mat::setDefaultAllocator(this); }
+    ~CountingMatAllocator() override { cv::Mat::setDefaultAllocator(nullptr); }
+    cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, size_t* step, cv::AccessFlag flags,
+                           cv::UMatUsageFlags usage) const override {
+        cv::UMatData* u = library->allocate(dims, sizes, type, data, step, flags, usage);
+        u->currAllocator = this;  // so that its release is counted too
+        ++allocated, peak = std::max(peak, ++alive);
+        return u;
+    }
+    bool allocate(cv::UMatData* u, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+        return library->allocate(u, flags, usage);
+    }
+    void deallocate(cv::UMatData* u) const override { --alive, library->deallocate(u); }
+    const cv::MatAllocator* library = cv::Mat::getStdAllocator();
+    mutable int allocated = 0, alive = 0, peak = 0;
+};
+
 struct FakeRates : RateSource {
     double queueRate() const override { return queue; }
     double dequeueRate() const override { return dequeue; }
