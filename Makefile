@@ -66,8 +66,7 @@ demo: build
 # Benchmarks need a photograph for their scene (mate-backgrounds) besides
 # what install-deps brings (the GStreamer and ffmpeg baselines).
 bench-deps: deps
-	@dpkg-query -W -f='$${Status}' mate-backgrounds 2>/dev/null | grep -q "ok installed" || \
-		{ apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends mate-backgrounds; }
+	@scripts/install-deps bench
 
 # Composition of one frame on the photograph, and the faster steps against
 # the library calls they replace.
@@ -88,7 +87,7 @@ cross-arm64:
 	@scripts/install-deps arm64
 	deploy/arm64-root $(ARM64_ROOT)
 	cmake -S . -B $(ARM64_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-		-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/deploy/aarch64.cmake -DVS_ARM64_ROOT=$(ARM64_ROOT)
+		-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/deploy/aarch64.cmake -DVS_ARM64_ROOT=$(ARM64_ROOT) -DVS_TEST_CAMERA=OFF
 	cmake --build $(ARM64_BUILD_DIR) -j $(JOBS) --target video-server $(ARM64_TESTS)
 
 test-arm64: cross-arm64

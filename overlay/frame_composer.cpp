@@ -99,9 +99,8 @@ void FrameComposer::encode(const cv::Mat& frame, std::vector<uchar>& out) {
 }
 
 void FrameComposer::applyOverlays(cv::Mat& frame) {
-    json_object* array = nullptr;
     int length = 0;
-    if (!overlayFile.refreshOverlays(array, length)) return;
+    if (!overlayFile.refreshOverlays(length)) return;
 
     // First the texts and where they go, so that only the areas they cover
     // need copying and blending: the rest of the frame would come out of a
@@ -110,7 +109,7 @@ void FrameComposer::applyOverlays(cv::Mat& frame) {
     const int count = std::min(length, kMaxOverlaysPerFrame);
     for (int i = 0; i < count; ++i) {
         Overlay overlay;
-        if (!overlayFile.readOverlay(json_object_array_get_idx(array, i), overlay)) continue;
+        if (!overlayFile.readOverlay(i, overlay)) continue;
         const char* type = overlay.type;
         char text[kTimeTextBytes];
         const char* line = nullptr;

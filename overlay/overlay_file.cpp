@@ -1,5 +1,7 @@
 #include "overlay_file.h"
 
+#include <json-c/json.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@ void OverlayFile::releaseDocument() {
         json_object_put(overlayDocument);
         overlayDocument = nullptr;
     }
+    overlays_ = nullptr;
 }
 
 void OverlayFile::say(const char* message) const {
@@ -32,7 +35,7 @@ void OverlayFile::sayAboutFile(const char* before, const char* after) const {
     std::fflush(stdout);
 }
 
-bool OverlayFile::refreshOverlays(json_object*& array, int& length) {
+bool OverlayFile::refreshOverlays(int& length) {
     struct stat st;
     if (stat(path_.c_str(), &st) != 0) {
         if (overlayFileSeen) {
@@ -71,7 +74,7 @@ bool OverlayFile::refreshOverlays(json_object*& array, int& length) {
         sayAboutFile("No overlays in ", "");
         return false;
     }
-    array = overlays;
+    overlays_ = overlays;
     length = count > INT_MAX ? INT_MAX : static_cast<int>(count);
     return true;
 }
@@ -111,7 +114,9 @@ json_object* OverlayFile::parseFile() const {
     return document;
 }
 
-bool OverlayFile::readOverlay(json_object* element, Overlay& out) {
+bool OverlayFile::readOverlay(int index, Overlay& out) {
+    json_object* element =
+        overlays_ == nullptr ? nullptr : json_object_array_get_idx(overlays_, static_cast<std::size_t>(index));
     if (element == nullptr) return false;
 
     // A member holding JSON null comes back as null and counts as missing;

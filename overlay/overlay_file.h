@@ -5,7 +5,8 @@
 //   {"overlays": [{"x": 50, "y": 5, "type": "date", "value": "%H:%M:%S"}, ...]}
 // with "x" and "y" in percent of the 1280 x 720 output frame.
 //
-// Owns: the parsed document (one json-c reference). Main thread only: no
+// Owns: the parsed document (one json-c reference); json-c stays inside this
+// unit, callers get the elements as Overlay values. Main thread only: no
 // member takes a lock. Every message goes to standard output as one line,
 // flushed at once, naming the path given to the constructor.
 //
@@ -19,11 +20,12 @@
 //  - Strings are read as C strings, so one holding "\u0000" ends there.
 #pragma once
 
-#include <json-c/json.h>
-
 #include <cstddef>
 #include <ctime>
 #include <string>
+
+// json-c's node type, by name only: json-c's headers stay in the .cpp.
+struct json_object;
 
 inline constexpr const char* kOverlayFilePath = "/tmp/overlays.json";
 inline constexpr std::size_t kMaxOverlayFileBytes = 1 << 20;
@@ -46,17 +48,18 @@ public:
     OverlayFile& operator=(const OverlayFile&) = delete;
 
     // One stat() per call; re-parses the file only when its modification
-    // time (whole seconds) differs from the one last seen. On success hands
-    // out the document's "overlays" array (owned by the document, valid until
-    // the next call) and its length, at least 1. false: no overlays this
-    // frame; the reason has been printed once.
-    bool refreshOverlays(json_object*& array, int& length);
+    // time (whole seconds) differs from the one last seen. On success gives
+    // the number of elements of the document's "overlays" array, at least 1,
+    // which readOverlay() then reads until the next call. false: no overlays
+    // this frame; the reason has been printed once.
+    bool refreshOverlays(int& length);
 
-    // The four values of one array element, or false: silently for a null
-    // element, otherwise after one line per missing member, in the order
-    // x, y, type, value. Numbers are converted by json-c's rules; a "type" or
-    // "value" that is not a string is its JSON text.
-    bool readOverlay(json_object* element, Overlay& out);
+    // The four values of the element at `index` (0 <= index < the length
+    // the last successful refreshOverlays() gave), or false: silently for a
+    // null element, otherwise after one line per missing member, in the
+    // order x, y, type, value. Numbers are converted by json-c's rules; a
+    // "type" or "value" that is not a string is its JSON text.
+    bool readOverlay(int index, Overlay& out);
 
     const std::string& path() const { return path_; }
 
@@ -65,8 +68,6 @@ public:
     bool overlayFileSeen = true;
     // Modification time of the file when it was last (attempted to be) read.
     time_t overlayFileTime = 0;
-    // The parsed file; null while there is none or after it was rejected.
-    json_object* overlayDocument = nullptr;
 
 private:
     void releaseDocument();
@@ -77,4 +78,8 @@ private:
     void sayAboutFile(const char* before, const char* after) const;
 
     std::string path_;
+    // The parsed file; null while there is none or after it was rejected.
+    json_object* overlayDocument = nullptr;
+    // Its "overlays" array, as the last successful refreshOverlays() found it.
+    json_object* overlays_ = nullptr;
 };

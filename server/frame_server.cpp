@@ -214,6 +214,19 @@ int FrameServer::sendStreamHeader(int socket) {
     return static_cast<int>(send(socket, g_streamHeader.data(), g_streamHeader.size(), 0));
 }
 
+void FrameServer::closeListener() {
+    if (listenFd == -1) return;
+    close(listenFd);
+    listenFd = -1;
+}
+
+bool FrameServer::hasWaitingClients() const {
+    for (const Client* client : clients) {
+        if (client->singleImage || (client->headerSent && client->streaming)) return true;
+    }
+    return false;
+}
+
 int FrameServer::boundPort() const {
     if (listenFd == -1) return -1;
     sockaddr_in address{};

@@ -72,6 +72,12 @@ public:
     void removeClient(Client* client);
     // Sends g_streamHeader on `socket`; returns the send's result.
     int sendStreamHeader(int socket);
+    // Closes the listener: no client is accepted any more; listed clients
+    // stay. Destruction closes it too.
+    void closeListener();
+    // Whether any listed client is waiting for frames (see Client). For
+    // callers that fetch frames only when someone takes them.
+    bool hasWaitingClients() const;
 
     // The listener's local port, or -1 without a listener. Lets tests listen
     // on port 0.

@@ -31,9 +31,11 @@ TEST_F(ServerTest, LaterReadsNeverResendTheHeaderAndFrameIdEndsTheStream) {
     EXPECT_EQ(server.clientList().front()->port, localPort(silent.fd()));
     LoopbackClient viewer(port);
     ASSERT_TRUE(passUntil([&] { return server.clientList().size() == 2; }));
+    EXPECT_FALSE(server.hasWaitingClients());  // none has asked for anything yet
     const Client* state = server.clientList().front();
     viewer.sendText("GET / HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(passUntil([&] { return state->headerSent; }));
+    EXPECT_TRUE(server.hasWaitingClients());
     viewer.sendText("GET / again\r\n\r\n");
     for (int pass = 0; pass < 3; ++pass) server.handleEvents();
     server.sendFrame(kJpeg);
@@ -79,7 +81,8 @@ TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
     EXPECT_TRUE(passUntil([&] { return server.clientList().size() == 1; }));
     clients.clear();
     EXPECT_TRUE(passUntil([&] { return server.clientList().empty(); }));
-    EXPECT_EQ(openFds(), fds);
+    server.closeListener();  // the listener goes too: one descriptor fewer than at the start
+    EXPECT_EQ(std::pair(openFds(), server.boundPort()), std::pair(fds - 1, -1));
 }
 
 TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
