@@ -8,7 +8,6 @@
 namespace {
 constexpr int kProbeTimeoutSeconds = 2;
 constexpr int64_t kRetryPauseMicros = 1000000;
-constexpr int kImagePolls = 1000;
 }  // namespace
 
 Camera::Camera(StreamSettings& settings, std::string overlayPath)
@@ -81,17 +80,14 @@ void Camera::readLoop() {
 }
 
 bool Camera::getImage(std::string& jpeg) {
-    // As long as kImagePolls polls one loop period apart, but woken by the
-    // commit itself instead of by a timer every period: a frame is taken
-    // the moment it is committed, and an idle wait costs no wake-ups.
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::microseconds(kImagePolls * g_loopPeriod);
+    // Woken by the commit itself rather than by a timer every loop period:
+    // a frame is taken the moment it is committed, and an idle wait costs
+    // no wake-ups.
+    const auto deadline = std::chrono::steady_clock::now() + kImageDeadline;
     for (;;) {
         const int i = ring.takeNewest();
         if (i != -1) {
-            ring.servingIndex = i;
-            jpeg = composer.composeFrame(ring.slot(i));
-            ring.slotDone();
+            composeTaken(ring, composer, i, jpeg);
             return true;
         }
         ring.servingIndex = -1;

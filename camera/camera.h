@@ -8,12 +8,13 @@
 #include <opencv2/videoio.hpp>
 
 #include <atomic>
-#include <exception>
+#include <chrono>
 #include <string>
 #include <thread>
 
 #include "event_log.h"
 #include "frame_composer.h"
+#include "frame_handoff.h"
 #include "frame_ring.h"
 #include "settings.h"
 
@@ -33,10 +34,10 @@ public:
     bool ensureOpen();
 
     // Waits for a frame newer than the last one served, woken by its
-    // commit; composes and encodes it into `jpeg`. False after waiting as
-    // long as 1000 polls one loop period apart would ("getImage timeout"),
-    // leaving `jpeg` unchanged.
+    // commit; composes and encodes it into `jpeg`. False when none comes
+    // within kImageDeadline ("getImage timeout"), leaving `jpeg` unchanged.
     bool getImage(std::string& jpeg);
+    static constexpr std::chrono::seconds kImageDeadline{1};
 
     // Joins the read thread and releases the stream; nothing when closed.
     void stop();
@@ -61,13 +62,5 @@ private:
 
 template <typename Decode>
 void Camera::decodeGuarded(Decode&& decode, cv::Mat& slot) {
-    try {
-        decode(slot);
-    } catch (const cv::Exception&) {
-        logEvent(g_log, "cv exception reading frame");
-    } catch (const std::exception&) {
-        logEvent(g_log, "std exception reading frame");
-    } catch (...) {
-        logEvent(g_log, "general exception reading frame");
-    }
+    if (const char* thrown = decodeCatching(decode, slot)) logEvent(g_log, "%s", thrown);
 }

@@ -119,9 +119,7 @@ bool rtspQueue::getImage(std::string& jpeg) {
     for (int attempt = 1; attempt <= kImageAttempts; ++attempt) {
         const int i = takeNewest();
         if (i != -1) {
-            ring.servingIndex = i;
-            jpeg = composer.composeFrame(ring.slot(i), jpegBuffer);
-            ring.slotDone();
+            composeTaken(ring, composer, i, jpeg, &jpegBuffer);
             return true;
         }
         ring.servingIndex = -1;

@@ -45,6 +45,7 @@
 #include <unistd.h>
 
 #include "frame_composer.h"
+#include "frame_handoff.h"
 #include "frame_ring.h"
 #include "overlay_file.h"
 #include "thread_annotations.h"
@@ -131,10 +132,5 @@ private:
 
 template <typename Decode>
 bool rtspQueue::decodeFrame(Decode&& decode, cv::Mat& slot) {
-    try {
-        decode(slot);
-    } catch (...) {
-        return false;
-    }
-    return !slot.empty();
+    return decodeCatching(decode, slot) == nullptr && !slot.empty();
 }
