@@ -37,13 +37,17 @@ int64_t nowMicros() {
                std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// The window opens `warmup` seconds after the first frame, so that what a
+// program buffered while it opened does not count.
 struct Ages {
-    Clock::time_point start, end;
+    Clock::duration warmup, window;
+    Clock::time_point start = Clock::time_point::max(), end = Clock::now() + std::chrono::seconds(30);
     std::vector<double> millis;
     bool done() const { return Clock::now() >= end; }
     // The age of a frame received now, if its stamp reads and the window is open.
     void add(const cv::Mat& grey) {
         const int64_t now = nowMicros();
+        if (start == Clock::time_point::max()) start = Clock::now() + warmup, end = start + window;
         if (grey.empty() || Clock::now() < start) return;
         if (auto t = stamp::read(grey.data, grey.step, grey.cols, grey.rows, now)) {
             millis.push_back(static_cast<double>(now - *t) / 1000.0);
@@ -87,9 +91,10 @@ int main(int argc, char** argv) {
     }
     if (port <= 0 && !fromStdin && capture.empty()) return std::fprintf(stderr, "bench-latency: nothing to read\n"), 2;
 
-    Ages ages;
-    ages.start = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(warmup));
-    ages.end = ages.start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(window));
+    const auto seconds = [](double s) {
+        return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
+    };
+    Ages ages{seconds(warmup), seconds(window)};
     if (!capture.empty()) {
         cv::VideoCapture camera(capture);
         for (cv::Mat frame, grey; camera.isOpened() && !ages.done();) {
