@@ -40,6 +40,7 @@ int64_t nowMicros() {
 // The window opens `warmup` seconds after the first frame, so that what a
 // program buffered while it opened does not count.
 struct Ages {
+    Ages(Clock::duration warmup, Clock::duration window) : warmup(warmup), window(window) {}
     Clock::duration warmup, window;
     Clock::time_point start = Clock::time_point::max(), end = Clock::now() + std::chrono::seconds(30);
     std::vector<double> millis;
@@ -94,7 +95,7 @@ int main(int argc, char** argv) {
     const auto seconds = [](double s) {
         return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
     };
-    Ages ages{seconds(warmup), seconds(window)};
+    Ages ages(seconds(warmup), seconds(window));
     if (!capture.empty()) {
         cv::VideoCapture camera(capture);
         for (cv::Mat frame, grey; camera.isOpened() && !ages.done();) {
