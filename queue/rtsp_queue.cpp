@@ -56,17 +56,19 @@ void rtspQueue::stop() {
     {
         // Cleared under the pause mutex, so a reader about to start its pause
         // either sees the flag or is already waiting when the signal comes.
-        std::lock_guard<std::mutex> lock(pauseMutex);
+        MutexLock lock(&pauseMutex);
         running = false;
     }
-    stopSignal.notify_all();
+    stopSignal.signal();
 }
 
 bool rtspQueue::pauseBeforeOpen(bool stoppable) {
-    std::unique_lock<std::mutex> lock(pauseMutex);
-    const bool stopped =
-        stopSignal.wait_for(lock, kOpenRetryPause, [&] { return stoppable && !running; });
-    return !stopped;
+    const auto deadline = std::chrono::steady_clock::now() + kOpenRetryPause;
+    MutexLock lock(&pauseMutex);
+    while (!(stoppable && !running)) {
+        if (!stopSignal.waitUntil(pauseMutex, deadline)) return !(stoppable && !running);
+    }
+    return false;
 }
 
 bool rtspQueue::openWithRetries(bool stoppable) {

@@ -36,8 +36,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -77,7 +75,7 @@ public:
     // returns after the step it is in. A read or an open attempt already
     // inside the video library is not interrupted: it ends when the library
     // gives up (at once for a refused connection). Any thread.
-    void stop();
+    void stop() EXCLUDES(pauseMutex);
 
     // Reader thread: prints "Opening endpoint", then waits 7 s and tries to
     // open until the stream is open ("Stream opened"). Returns without
@@ -108,9 +106,8 @@ public:
 
 private:
     // Sleeps kOpenRetryPause before an opening attempt. With `stoppable`,
-    // stop() ends the pause early and the result is false. Takes pauseMutex
-    // (a std::mutex, which the thread-safety analysis cannot name).
-    bool pauseBeforeOpen(bool stoppable);
+    // stop() ends the pause early and the result is false.
+    bool pauseBeforeOpen(bool stoppable) EXCLUDES(pauseMutex);
     // Opens the capture, pausing before each attempt. False if stopped.
     bool openWithRetries(bool stoppable);
 
@@ -126,8 +123,8 @@ public:
     FrameComposer composer;
 
 private:
-    std::mutex pauseMutex;  // pairs with stopSignal; guards no data
-    std::condition_variable stopSignal;
+    Mutex pauseMutex;  // pairs with stopSignal; guards no data but orders `running`
+    CondVar stopSignal;
 };
 
 template <typename Decode>

@@ -180,21 +180,13 @@ TEST(FastPath, ComposedBytesEqualLibraryResizeAndEncode) {
         reference.applyOverlays(expected);
         std::vector<uchar> expectedJpeg;
         cv::imencode(".jpg", expected, expectedJpeg, {cv::IMWRITE_JPEG_QUALITY, 55});
-        const uchar* buffer = slot.data;
         const std::string jpeg = composer.composeFrame(slot);
         EXPECT_TRUE(same(slot, expected));
         EXPECT_TRUE(jpeg == std::string(expectedJpeg.begin(), expectedJpeg.end()));
         EXPECT_EQ(jpeg.size() > 256 * 1024, c.noise > 12);
-        // A scaled frame's decoded buffer waits in the pool for the decoder; the composed
-        // one, given back, serves the next composition.
-        const bool scaled = c.camera != cv::Size(1280, 720);
-        const uchar* composed = slot.data;
-        EXPECT_EQ(pool.take(c.camera, CV_8UC3).data == buffer, scaled);
-        pool.give(std::move(slot));
-        // Again, with the buffers, encoder and output vector of the first frame.
+        // Again, with the pooled buffers, encoder and output vector of the first frame.
         cv::Mat again = scene(c.camera, c.noise);
         EXPECT_EQ(composer.composeFrame(again), jpeg);
-        EXPECT_EQ(again.data == composed, scaled);
     }
 }
 
