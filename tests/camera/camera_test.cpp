@@ -49,32 +49,25 @@ TEST(FrameRing, TakesRatesAndWaits) {
     EXPECT_TRUE(ring.waitForNew(20'000'000));
 }
 
-// Whatever the consumer does, the ring and the composer keep at most three
-// frame buffers alive (the write slot, the newest and the one served last,
-// the composed frame replacing the decoded one it is scaled from), and never
-// free one to allocate another.
+// Whatever the consumer does, the ring and the composer keep at most three frame buffers (write
+// slot, newest, served last: composed in place of decoded), and never free one to allocate another.
 TEST(FrameRing, KeepsAFewBuffersAndAllocatesNonePerFrame) {
-    struct Case { const char* consumer; cv::Size camera; bool (*takes)(int commit); };
-    const Case cases[] = {
+    const std::tuple<const char*, cv::Size, bool (*)(int)> cases[] = {
         {"every frame", {1920, 1080}, [](int) { return true; }},
         {"every third", {640, 480}, [](int n) { return n % 3 == 0; }},
         {"none for 200 commits", {1920, 1080}, [](int n) { return n < 60 || n >= 260; }},
         {"none for 200 commits", {1280, 720}, [](int n) { return n < 60 || n >= 260; }}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.consumer << " " << c.camera);
+    for (const auto& [consumer, camera, takes] : cases) {
+        SCOPED_TRACE(testing::Message() << consumer << " " << camera);
         CountingMatAllocator buffers;
         FrameRing ring;
         FrameComposer composer(ring, ring.pool, "/nonexistent/overlays.json");
         for (int n = 0; n < 360; ++n) {
-            cv::Mat& slot = ring.prepareWriteSlot();
-            slot.create(c.camera, CV_8UC3);  // as the decoder does
-            slot.setTo(n % 256);
-            ring.commitFrame();
-            if (!c.takes(n)) continue;
-            const int i = ring.takeNewest();
-            ASSERT_EQ(i, n % FrameRing::kSlots);
-            EXPECT_EQ(composer.composeFrame(ring.slot(i)).substr(0, 2), "\xff\xd8");
-            ring.slotDone();
+            ring.prepareWriteSlot().create(camera, CV_8UC3);  // as the decoder does
+            ring.writeSlot().setTo(n % 256), ring.commitFrame();
+            if (!takes(n)) continue;
+            ASSERT_EQ(ring.takeNewest(), n % FrameRing::kSlots);
+            EXPECT_EQ(composer.composeFrame(ring.slot(n % FrameRing::kSlots)).substr(0, 2), "\xff\xd8"), ring.slotDone();
         }
         EXPECT_LE(buffers.peak, 3);
         EXPECT_EQ(buffers.allocated, buffers.peak);

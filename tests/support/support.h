@@ -246,9 +246,9 @@ private:
     bool headerSeen_ = false, failed_ = false;
 };
 
-// While alive, the default allocator of OpenCV's matrices: counts the frame
-// buffers allocated (in all, alive now, most alive at once). Declare it
-// before the matrices it is to count, so it outlives them.
+// While alive, OpenCV's default allocator: counts the frame buffers
+// allocated (in all, alive, most alive at once). Declare it first: it must
+// outlive the matrices it counts.
 struct CountingMatAllocator : cv::MatAllocator {
     CountingMatAllocator() { cv::Mat::setDefaultAllocator(this); }
     ~CountingMatAllocator() override { cv::Mat::setDefaultAllocator(nullptr); }
@@ -256,12 +256,9 @@ struct CountingMatAllocator : cv::MatAllocator {
                            cv::UMatUsageFlags usage) const override {
         cv::UMatData* u = library->allocate(dims, sizes, type, data, step, flags, usage);
         u->currAllocator = this;  // so that its release is counted too
-        ++allocated, peak = std::max(peak, ++alive);
-        return u;
+        return ++allocated, peak = std::max(peak, ++alive), u;
     }
-    bool allocate(cv::UMatData* u, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
-        return library->allocate(u, flags, usage);
-    }
+    bool allocate(cv::UMatData* u, cv::AccessFlag f, cv::UMatUsageFlags use) const override { return library->allocate(u, f, use); }
     void deallocate(cv::UMatData* u) const override { --alive, library->deallocate(u); }
     const cv::MatAllocator* library = cv::Mat::getStdAllocator();
     mutable int allocated = 0, alive = 0, peak = 0;
