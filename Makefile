@@ -21,7 +21,7 @@ ARM64_TESTS ?= app_tests camera_tests overlay_tests server_tests
 ARM64_GTEST_FILTER ?= -CameraTest.ServesEachFrameOnce*
 
 .PHONY: deps build test test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e clean \
-	install cross-arm64 test-arm64
+	install cross-arm64 test-arm64 deb-deps deb deb-arm64 test-deb test-deb-arm64
 
 deps:
 	@scripts/install-deps
@@ -94,6 +94,36 @@ test-arm64: cross-arm64
 	for t in $(ARM64_TESTS); do \
 		qemu-aarch64 -L $(ARM64_ROOT) $(ARM64_BUILD_DIR)/$$t --gtest_filter='$(ARM64_GTEST_FILTER)' || exit 1; \
 	done
+
+# Debian packages of the trees built above (debian/: debhelper through
+# dpkg-buildpackage), each written into its build directory and checked with
+# lintian. The version is debian/changelog's.
+VERSION = $(shell dpkg-parsechangelog -S Version)
+# The fresh bookworm root the amd64 package is installed into for its test.
+DEB_TEST_ROOT ?= $(HOME)/.cache/video-server/bookworm-root
+package = $(4) VS_DEB_DIR=$(1) dpkg-buildpackage -b -us -uc $(2) --buildinfo-option=-u$(1) --changes-option=-u$(1) \
+		--buildinfo-file=$(1)/video-server_$(VERSION)_$(3).buildinfo \
+		--changes-file=$(1)/video-server_$(VERSION)_$(3).changes && \
+	lintian --fail-on error,warning $(1)/video-server_$(VERSION)_$(3).deb
+
+deb-deps:
+	@scripts/install-deps deb
+
+deb: build deb-deps
+	$(call package,$(CURDIR)/$(BUILD_DIR),,amd64,VS_BUILD_DIR=$(BUILD_DIR))
+
+deb-arm64: cross-arm64 deb-deps
+	$(call package,$(CURDIR)/$(ARM64_BUILD_DIR),-aarm64 -d -Pcross$(comma)nocheck,arm64,\
+		VS_BUILD_DIR=$(ARM64_BUILD_DIR) VS_ARM64_ROOT=$(ARM64_ROOT) \
+		DEB_BUILD_OPTIONS=nocheck CC=aarch64-linux-gnu-gcc)
+
+# Installs the amd64 package with apt into a fresh bookworm root and runs it
+# there; checks the arm64 package's contents and runs its binary under qemu.
+test-deb: deb
+	scripts/test-deb amd64 $(BUILD_DIR)/video-server_$(VERSION)_amd64.deb $(DEB_TEST_ROOT) $(BUILD_DIR)
+
+test-deb-arm64: deb-arm64
+	scripts/test-deb arm64 $(ARM64_BUILD_DIR)/video-server_$(VERSION)_arm64.deb $(ARM64_ROOT)
 
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(TSAN_BUILD_DIR) $(FUZZ_BUILD_DIR) $(ARM64_BUILD_DIR)
