@@ -66,11 +66,10 @@ void Camera::stop() {
 
 void Camera::readLoop() {
     do {
-        // Decode straight into the ring's write slot, which holds a spare
-        // buffer of the decoded size: no intermediate copy, no allocation.
-        cv::Mat& slot = ring.prepareWriteSlot();
-        decodeGuarded([this](cv::Mat& target) { capture >> target; }, slot);
-        if (slot.empty()) {
+        // Straight into the ring's write slot, with a spare buffer of the
+        // decoded size: no intermediate copy, no allocation.
+        decodeGuarded([this](cv::Mat&) { readNextFrame(capture, ring); }, ring.writeSlot());
+        if (ring.writeSlot().empty()) {
             logEvent(g_log, "Empty frame");
         } else {
             ring.commitFrame();

@@ -1,9 +1,10 @@
 // What Camera and rtspQueue do alike on either side of the frame ring: the
-// read thread's guarded decoding call, and the consumer's composition of
-// the slot it has just taken.
+// read thread's decoding call and its guard, and the consumer's composition
+// of the slot it has just taken.
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
 
 #include <exception>
 #include <string>
@@ -27,6 +28,20 @@ const char* decodeCatching(Decode&& decode, cv::Mat& slot) noexcept {
         return "general exception reading frame";
     }
     return nullptr;
+}
+
+// Read thread: the next frame into the ring's write slot, with the outcome
+// of `capture >> slot` (the slot is empty when no frame came). The slot gets
+// its buffer from the pool only once the frame is decoded and about to be
+// converted into it: by then the consumer has usually given back the buffer
+// of the frame it scaled, so two decoded frames' buffers take turns instead
+// of three.
+inline void readNextFrame(cv::VideoCapture& capture, FrameRing& ring) {
+    if (capture.grab()) {
+        capture.retrieve(ring.prepareWriteSlot());
+    } else {
+        ring.writeSlot().release();
+    }
 }
 
 // Consumer: composes and encodes slot `i`, just taken from `ring`, into

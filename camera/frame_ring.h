@@ -48,9 +48,9 @@ public:
         (void)consumerDone.load(std::memory_order_acquire);
         return frames[writeIndex];
     }
-    // Producer, before decoding: writeSlot(), holding a spare buffer of the
-    // last committed frame's size and type when the slot has none of its own
-    // (so the decoder writes into it instead of allocating).
+    // Producer, before a frame is written: writeSlot(), holding a spare
+    // buffer of the last committed frame's size and type when the slot has
+    // none of its own (so the capture writes into it instead of allocating).
     cv::Mat& prepareWriteSlot();
     // Producer: publishes writeSlot() and moves on; records a commit stamp
     // and wakes a consumer in waitForNew().

@@ -87,7 +87,7 @@ void rtspQueue::readLoop() {
     int emptyFrames = 0;
     while (running) {
         // Decode straight into the ring's write slot: no intermediate copy.
-        if (decodeFrame([this](cv::Mat& slot) { capture >> slot; }, ring.prepareWriteSlot())) {
+        if (decodeFrame([this](cv::Mat&) { readNextFrame(capture, ring); }, ring.writeSlot())) {
             commitFrame();
             emptyFrames = 0;
             usleep(kCommitPauseMicros);
