@@ -124,7 +124,7 @@ TEST_F(OverlayTest, ElementsDrawTheirTextsPlacedAndBlendedOrNothing) {
     const time_t now = time(nullptr);
     const std::string year = std::to_string(localtime(&now)->tm_year + 1900);
     const std::string longText(300, 'x');
-    std::vector<std::string> many(kMaxOverlaysPerFrame, element("text", "a", 10, 10));
+    std::vector<std::string> many(64, element("text", "a", 10, 10));  // the limit
     many.push_back(element("text", "b", 90, 90));
     const std::string xy = "Missing 'x' tag in overlay\nMissing 'y' tag in overlay\n";
     struct Case { std::vector<std::string> elements; std::vector<Text> drawn; int flat = -1; std::string said = ""; };
