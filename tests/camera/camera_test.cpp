@@ -106,6 +106,7 @@ TEST_F(CameraTest, ProbeOutcomes) {
         for (int fd; connects && (fd = accept4(listener, nullptr, nullptr, 0)) >= 0;) close(fd);
     }
     EXPECT_EQ(logMessages(log).size(), 0u);  // refused or not, a loopback connect is not logged
+    { const NoFreeDescriptor none; EXPECT_FALSE(testConnection("127.0.0.1", port, 1)); }  // no socket at all
     for (int fd : fillers) close(fd);
     close(listener);
 }

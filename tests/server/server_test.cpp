@@ -3,7 +3,6 @@
 // gets: tests/fuzz/corpus/fuzz_request.)
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 
 #include "frame_server.h"
 #include "support.h"
@@ -95,15 +94,8 @@ TEST(FrameServer, PortInUseIsReportedAndTheServerGoesOn) {
     // A pass whose accept finds no descriptor left reports it and leaves the
     // connection for a later pass.
     LoopbackClient client(first.boundPort());
-    rlimit normal{};
-    getrlimit(RLIMIT_NOFILE, &normal);
     CaptureStderr();
-    const int next = dup(0);  // the lowest free descriptor
-    close(next);
-    const rlimit none{static_cast<rlim_t>(next), normal.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    first.handleEvents();
-    setrlimit(RLIMIT_NOFILE, &normal);
+    { const NoFreeDescriptor none; first.handleEvents(); }
     EXPECT_EQ(GetCapturedStderr(), "accept() failure: Too many open files\n");
     EXPECT_TRUE(waitFor([&] { return first.handleEvents(), first.clientList().size() == 1; }));
     first.removeClient(first.clientList().front());

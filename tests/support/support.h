@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -244,6 +245,19 @@ private:
     static constexpr size_t npos = std::string::npos;
     std::string buffer_;
     bool headerSeen_ = false, failed_ = false;
+};
+
+// While alive, no descriptor can be opened: the soft limit is the lowest free one.
+struct NoFreeDescriptor {
+    NoFreeDescriptor() {
+        getrlimit(RLIMIT_NOFILE, &normal);
+        const int next = dup(0);
+        close(next);
+        const rlimit none{static_cast<rlim_t>(next), normal.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoFreeDescriptor() { setrlimit(RLIMIT_NOFILE, &normal); }
+    rlimit normal{};
 };
 
 // While alive, OpenCV's default allocator: counts the frame buffers
