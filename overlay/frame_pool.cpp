@@ -25,8 +25,3 @@ void FramePool::give(cv::Mat buffer) {
         spares.pop_front();
     }
 }
-
-std::size_t FramePool::spareCount() const {
-    MutexLock lock(&mutex);
-    return spares.size();
-}

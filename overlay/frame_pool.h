@@ -33,9 +33,7 @@ public:
     // another matrix still refers to.
     void give(cv::Mat buffer) EXCLUDES(mutex);
 
-    std::size_t spareCount() const EXCLUDES(mutex);
-
 private:
-    mutable Mutex mutex;
+    Mutex mutex;
     std::deque<cv::Mat> spares GUARDED_BY(mutex);  // oldest first
 };
