@@ -17,7 +17,6 @@ std::string& logPath() {
 }  // namespace
 
 void setEventLogPath(const char* path) { logPath() = path; }
-const char* eventLogPath() { return logPath().c_str(); }
 
 void formatLogTimestamp(long seconds, long microseconds, char* out, size_t outSize) {
     // gmtime_r: the overlay renderer converts local time on the main thread

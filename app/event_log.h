@@ -18,13 +18,11 @@ inline constexpr const char* kEventLogPath = "/media/usb99/stream.log";
 // printf-style; appends "<YYYY-MM-DD HH:MM:SS.uuuuuu> <message>\n".
 // Messages longer than 1023 characters are cut. When the file cannot be
 // opened the line is dropped silently; the next call tries again.
-void logEvent(std::mutex& mutex, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+void logEvent(std::mutex& mutex, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Where logEvent writes. The default is kEventLogPath; tests point it at a
-// temporary file. Not thread-safe: set it before any thread logs.
+// Where logEvent writes; kEventLogPath unless set. Not thread-safe: set it
+// before any thread logs.
 void setEventLogPath(const char* path);
-const char* eventLogPath();
 
 // Formats the time stamp of a log line ("%Y-%m-%d %X" in UTC, a full stop
 // and six digits of microseconds) into out, which holds outSize bytes.

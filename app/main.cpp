@@ -1,16 +1,11 @@
 // The video server's entry: start-up, the main loop and the orderly
 // shutdown on SIGINT or SIGHUP.
-#include <opencv2/core/version.hpp>
-
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <opencv2/core/version.hpp>
 #include <string>
-
-#if defined(__SSE__)
-#include <xmmintrin.h>
-#endif
 
 #include "camera.h"
 #include "event_log.h"
@@ -21,16 +16,6 @@ namespace {
 
 constexpr const char* kControlFifoPath = "/var/run/tbx/api.fifo";
 constexpr const char* kAnnouncement = "camera enable";
-
-// Denormals flushed to zero and treated as zero for the whole process: set
-// before main runs, inherited by every thread (the video library's too).
-struct FlushDenormals {
-    FlushDenormals() {
-#if defined(__SSE__)
-        _mm_setcsr(_mm_getcsr() | 0x8040);  // FTZ | DAZ
-#endif
-    }
-} g_flushDenormals;
 
 }  // namespace
 

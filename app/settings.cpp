@@ -28,17 +28,35 @@ const struct argp_option kOptions[] = {
 error_t parseOption(int key, char* arg, struct argp_state* state) {
     Settings& settings = *static_cast<Settings*>(state->input);
     switch (key) {
-        case 'p': settings.httpPort = static_cast<int32_t>(strtol(arg, nullptr, 10)); break;
-        case 'w': settings.stream.width = static_cast<int32_t>(strtol(arg, nullptr, 10)); break;
-        case 'h': settings.stream.height = static_cast<int32_t>(strtol(arg, nullptr, 10)); break;
-        case 'f': settings.stream.fps = strtod(arg, nullptr); break;
-        case 'u': settings.stream.url = arg; break;
-        case 'c': settings.stream.codec = arg; break;
-        case 't': settings.stream.testUrl = arg; break;
-        case ARGP_KEY_ARG: argp_state_help(state, stderr, ARGP_HELP_STD_USAGE); break;
+        case 'p':
+            settings.httpPort = static_cast<int32_t>(strtol(arg, nullptr, 10));
+            break;
+        case 'w':
+            settings.stream.width = static_cast<int32_t>(strtol(arg, nullptr, 10));
+            break;
+        case 'h':
+            settings.stream.height = static_cast<int32_t>(strtol(arg, nullptr, 10));
+            break;
+        case 'f':
+            settings.stream.fps = strtod(arg, nullptr);
+            break;
+        case 'u':
+            settings.stream.url = arg;
+            break;
+        case 'c':
+            settings.stream.codec = arg;
+            break;
+        case 't':
+            settings.stream.testUrl = arg;
+            break;
+        case ARGP_KEY_ARG:
+            argp_state_help(state, stderr, ARGP_HELP_STD_USAGE);
+            break;
         case ARGP_KEY_END:
-        case ARGP_KEY_ARGS: break;
-        default: return ARGP_ERR_UNKNOWN;
+        case ARGP_KEY_ARGS:
+            break;
+        default:
+            return ARGP_ERR_UNKNOWN;
     }
     return 0;
 }

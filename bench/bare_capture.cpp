@@ -4,10 +4,9 @@
 // nothing else, until SIGINT or SIGTERM.
 //
 //   bench-bare-capture URL
-#include <opencv2/videoio.hpp>
-
 #include <csignal>
 #include <cstdio>
+#include <opencv2/videoio.hpp>
 
 namespace {
 volatile std::sig_atomic_t g_stop = 0;

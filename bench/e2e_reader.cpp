@@ -36,7 +36,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "support.h"  // PartParser, shared with the tests
+#include "part_parser.h"
 
 namespace {
 
@@ -109,16 +109,26 @@ int main(int argc, char** argv) {
     bool fromStdin = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        auto value = [&] { return i + 1 < argc ? argv[++i] : (die("missing value for " + arg), ""); };
-        if (arg == "--port") port = std::atoi(value());
-        else if (arg == "--clients") clients = std::atoi(value());
-        else if (arg == "--pid") pid = std::atol(value());
-        else if (arg == "--warmup") warmup = std::atof(value());
-        else if (arg == "--window") window = std::atof(value());
-        else if (arg == "--stdin") fromStdin = true;
-        else die("unknown option " + arg);
+        auto value = [&] {
+            return i + 1 < argc ? argv[++i] : (die("missing value for " + arg), "");
+        };
+        if (arg == "--port")
+            port = std::atoi(value());
+        else if (arg == "--clients")
+            clients = std::atoi(value());
+        else if (arg == "--pid")
+            pid = std::atol(value());
+        else if (arg == "--warmup")
+            warmup = std::atof(value());
+        else if (arg == "--window")
+            window = std::atof(value());
+        else if (arg == "--stdin")
+            fromStdin = true;
+        else
+            die("unknown option " + arg);
     }
-    if (pid <= 0 || clients < 1 || (!fromStdin && port <= 0)) die("need --pid and --port or --stdin");
+    if (pid <= 0 || clients < 1 || (!fromStdin && port <= 0))
+        die("need --pid and --port or --stdin");
 
     // Clients connect while the others are read: the server accepts one
     // client per frame and blocks sending to a client that does not read.
@@ -164,8 +174,8 @@ int main(int argc, char** argv) {
             Stream& s = streams[i];
             if (!s.requested) {
                 const std::string request = "GET / HTTP/1.1\r\n\r\n";
-                if (!reachedServer(s.fd, port) ||
-                    write(s.fd, request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+                if (!reachedServer(s.fd, port) || write(s.fd, request.data(), request.size()) !=
+                                                      static_cast<ssize_t>(request.size())) {
                     close(s.fd);
                     s.fd = -1;  // again in the next round
                 } else {
@@ -178,7 +188,8 @@ int main(int argc, char** argv) {
                 if (n <= 0) die("the stream ended");
                 // A part starts where a header block ends and a JPEG begins.
                 s.tail.append(chunk.data(), static_cast<std::size_t>(n));
-                for (std::size_t at = 0; (at = s.tail.find("\r\n\r\n\xff\xd8", at)) != std::string::npos; ++at) {
+                for (std::size_t at = 0;
+                     (at = s.tail.find("\r\n\r\n\xff\xd8", at)) != std::string::npos; ++at) {
                     s.started = true;
                     if (inWindow) ++stdinFrames;
                 }
@@ -201,15 +212,18 @@ int main(int argc, char** argv) {
         }
     }
 
-    std::size_t frames = fromStdin ? stdinFrames : windowFrames.size(), bytes = stdinBytes, missing = 0;
+    std::size_t frames = fromStdin ? stdinFrames : windowFrames.size(), bytes = stdinBytes,
+                missing = 0;
     for (const auto& [hash, size] : windowFrames) {
         bytes += size;
         for (const Stream& s : streams) missing += s.seen.count(hash) == 0 ? 1 : 0;
     }
     if (frames == 0) die("no frame in the window");
-    std::printf("frames=%zu\nfps=%.2f\ncpu_ms_per_frame=%.3f\npart_bytes=%.0f\nmissing=%zu\nvmhwm_kib=%ld\n",
-                frames, static_cast<double>(frames) / window,
-                (cpuAtEnd - cpuAtStart) * 1000.0 / static_cast<double>(frames),
-                static_cast<double>(bytes) / static_cast<double>(frames), missing, vmHwmKib(pid));
+    std::printf(
+        "frames=%zu\nfps=%.2f\ncpu_ms_per_frame=%.3f\npart_bytes=%.0f\nmissing=%zu\nvmhwm_kib=%"
+        "ld\n",
+        frames, static_cast<double>(frames) / window,
+        (cpuAtEnd - cpuAtStart) * 1000.0 / static_cast<double>(frames),
+        static_cast<double>(bytes) / static_cast<double>(frames), missing, vmHwmKib(pid));
     return 0;
 }

@@ -14,14 +14,14 @@
 //
 // Prints samples=, latency_p50_ms= and latency_p95_ms=. Exits 1 when no
 // frame with a readable stamp arrives.
-#include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
 #include <string>
 #include <vector>
 
@@ -34,7 +34,8 @@ using Clock = std::chrono::steady_clock;
 
 int64_t nowMicros() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::system_clock::now().time_since_epoch()).count();
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 // The window opens `warmup` seconds after the first frame, so that what a
@@ -42,7 +43,8 @@ int64_t nowMicros() {
 struct Ages {
     Ages(Clock::duration warmup, Clock::duration window) : warmup(warmup), window(window) {}
     Clock::duration warmup, window;
-    Clock::time_point start = Clock::time_point::max(), end = Clock::now() + std::chrono::seconds(30);
+    Clock::time_point start = Clock::time_point::max(),
+                      end = Clock::now() + std::chrono::seconds(30);
     std::vector<double> millis;
     bool done() const { return Clock::now() >= end; }
     // The age of a frame received now, if its stamp reads and the window is open.
@@ -55,8 +57,9 @@ struct Ages {
         }
     }
     void addJpeg(const std::string& jpeg) {
-        add(cv::imdecode(cv::Mat(1, static_cast<int>(jpeg.size()), CV_8U, const_cast<char*>(jpeg.data())),
-                         cv::IMREAD_GRAYSCALE));
+        add(cv::imdecode(
+            cv::Mat(1, static_cast<int>(jpeg.size()), CV_8U, const_cast<char*>(jpeg.data())),
+            cv::IMREAD_GRAYSCALE));
     }
 };
 
@@ -82,15 +85,23 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const auto value = [&] { return i + 1 < argc ? argv[++i] : ""; };
-        if (arg == "--single") single = true;
-        else if (arg == "--stdin") fromStdin = true;
-        else if (arg == "--port") port = std::atoi(value());
-        else if (arg == "--capture") capture = value();
-        else if (arg == "--warmup") warmup = std::atof(value());
-        else if (arg == "--window") window = std::atof(value());
-        else return std::fprintf(stderr, "bench-latency: unknown option %s\n", arg.c_str()), 2;
+        if (arg == "--single")
+            single = true;
+        else if (arg == "--stdin")
+            fromStdin = true;
+        else if (arg == "--port")
+            port = std::atoi(value());
+        else if (arg == "--capture")
+            capture = value();
+        else if (arg == "--warmup")
+            warmup = std::atof(value());
+        else if (arg == "--window")
+            window = std::atof(value());
+        else
+            return std::fprintf(stderr, "bench-latency: unknown option %s\n", arg.c_str()), 2;
     }
-    if (port <= 0 && !fromStdin && capture.empty()) return std::fprintf(stderr, "bench-latency: nothing to read\n"), 2;
+    if (port <= 0 && !fromStdin && capture.empty())
+        return std::fprintf(stderr, "bench-latency: nothing to read\n"), 2;
 
     const auto seconds = [](double s) {
         return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
@@ -129,7 +140,10 @@ int main(int argc, char** argv) {
     }
     if (ages.millis.empty()) return std::fprintf(stderr, "bench-latency: no stamped frame\n"), 1;
     std::sort(ages.millis.begin(), ages.millis.end());
-    const auto at = [&](double q) { return ages.millis[static_cast<size_t>(q * static_cast<double>(ages.millis.size() - 1))]; };
-    std::printf("samples=%zu\nlatency_p50_ms=%.1f\nlatency_p95_ms=%.1f\n", ages.millis.size(), at(0.5), at(0.95));
+    const auto at = [&](double q) {
+        return ages.millis[static_cast<size_t>(q * static_cast<double>(ages.millis.size() - 1))];
+    };
+    std::printf("samples=%zu\nlatency_p50_ms=%.1f\nlatency_p95_ms=%.1f\n", ages.millis.size(),
+                at(0.5), at(0.95));
     return 0;
 }

@@ -14,8 +14,8 @@ Camera::Camera(StreamSettings& settings, std::string overlayPath)
     : composer(ring, ring.pool, std::move(overlayPath)), settings(&settings) {}
 
 Camera::~Camera() {
-    // The main program always calls stop() first; a test or an early return
-    // that did not must not leave a joinable thread behind.
+    // main() calls stop() first; an owner that did not must not leave a
+    // joinable thread behind.
     running = false;
     if (readThread.joinable()) readThread.join();
 }
@@ -66,8 +66,6 @@ void Camera::stop() {
 
 void Camera::readLoop() {
     do {
-        // Straight into the ring's write slot, with a spare buffer of the
-        // decoded size: no intermediate copy, no allocation.
         decodeGuarded([this](cv::Mat&) { readNextFrame(capture, ring); }, ring.writeSlot());
         if (ring.writeSlot().empty()) {
             logEvent(g_log, "Empty frame");
@@ -79,9 +77,8 @@ void Camera::readLoop() {
 }
 
 bool Camera::getImage(std::string& jpeg) {
-    // Woken by the commit itself rather than by a timer every loop period:
-    // a frame is taken the moment it is committed, and an idle wait costs
-    // no wake-ups.
+    // Woken by the commit itself rather than polled every loop period: a
+    // frame is taken the moment it is committed.
     const auto deadline = std::chrono::steady_clock::now() + kImageDeadline;
     for (;;) {
         const int i = ring.takeNewest();

@@ -1,14 +1,14 @@
-// The camera: owns the stream, the frame ring, the read thread and the
-// per-camera overlay and encoder state.
+// The camera: owns the capture, the frame ring, the read thread and the
+// composer (overlay and encoder state). Holds a reference to the process's
+// StreamSettings, which must outlive it.
 //
 // Threads: ensureOpen(), getImage() and stop() run on the main thread only;
-// readLoop() runs on the read thread, started by ensureOpen().
+// readLoop() runs on the read thread that ensureOpen() starts.
 #pragma once
-
-#include <opencv2/videoio.hpp>
 
 #include <atomic>
 #include <chrono>
+#include <opencv2/videoio.hpp>
 #include <string>
 #include <thread>
 
@@ -20,8 +20,7 @@
 
 class Camera {
 public:
-    // Stores a reference to `settings`, which must outlive the camera. Does
-    // no I/O and does not touch the network.
+    // Does no I/O and does not touch the network.
     explicit Camera(StreamSettings& settings, std::string overlayPath = kOverlayFilePath);
     // Stops a read thread the owner left running, then releases everything.
     ~Camera();
@@ -33,27 +32,28 @@ public:
     // sleeps one second before returning false.
     bool ensureOpen();
 
-    // Waits for a frame newer than the last one served, woken by its
-    // commit; composes and encodes it into `jpeg`. False when none comes
-    // within kImageDeadline ("getImage timeout"), leaving `jpeg` unchanged.
+    // Waits for a frame newer than the last one served, woken by its commit,
+    // and composes it into `jpeg`. False after kImageDeadline without one
+    // ("getImage timeout"); `jpeg` is then unchanged.
     bool getImage(std::string& jpeg);
     static constexpr std::chrono::seconds kImageDeadline{1};
 
     // Joins the read thread and releases the stream; nothing when closed.
     void stop();
 
-    // The read thread's body: decode into the ring until `running` drops.
+    // The read thread's body: decode into the ring until stop().
     void readLoop();
 
-    // Runs one decoding call into `slot`, logging (not propagating) what it
-    // throws. Shared by the read thread and its tests.
+private:
+    friend struct CameraPeer;
+
+    // Runs one decoding call into `slot`; what it throws is logged, not
+    // propagated.
     template <typename Decode>
     static void decodeGuarded(Decode&& decode, cv::Mat& slot);
 
     FrameRing ring;
     FrameComposer composer;
-
-private:
     StreamSettings* settings;
     cv::VideoCapture capture;
     std::thread readThread;

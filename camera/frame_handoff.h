@@ -3,10 +3,9 @@
 // of the slot it has just taken.
 #pragma once
 
+#include <exception>
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
-
-#include <exception>
 #include <string>
 #include <vector>
 
@@ -30,12 +29,10 @@ const char* decodeCatching(Decode&& decode, cv::Mat& slot) noexcept {
     return nullptr;
 }
 
-// Read thread: the next frame into the ring's write slot, with the outcome
-// of `capture >> slot` (the slot is empty when no frame came). The slot gets
-// its buffer from the pool only once the frame is decoded and about to be
-// converted into it: by then the consumer has usually given back the buffer
-// of the frame it scaled, so two decoded frames' buffers take turns instead
-// of three.
+// Read thread: the next frame into the ring's write slot, as `capture >>
+// slot` does it (the slot is empty when no frame came). The slot takes its
+// pooled buffer only after the grab: by then the consumer has usually given
+// back the buffer of the frame it scaled, so two buffers take turns, not three.
 inline void readNextFrame(cv::VideoCapture& capture, FrameRing& ring) {
     if (capture.grab()) {
         capture.retrieve(ring.prepareWriteSlot());

@@ -1,27 +1,24 @@
-// The hand-off between the read thread (one producer) and the main thread
-// (one consumer): 60 preallocated frame slots, newest-wins, plus two rate
-// meters. The producer never waits; the consumer polls, and between polls
-// can wait for the next commit instead of sleeping (waitForNew).
+// The hand-off between the read thread (the one producer) and the main
+// thread (the one consumer): 60 frame slots, newest wins, and the two rate
+// meters. The producer never waits; the consumer may wait for a commit.
 //
-// Slots are not locked. A slot handed out by takeNewest() is written again
-// only after 59 further commits, so the consumer must be done with it within
-// that time (about two seconds at 30 frames per second).
+// Slots are not locked: a slot handed out by takeNewest() is written again
+// only after 59 further commits, so the consumer must be done with it by
+// then (about two seconds at 30 frames per second).
 //
-// Only three slots hold a frame buffer at a time: the one being written, the
-// newest committed one and the one handed out last. A commit gives the
-// buffer of the frame it replaces to `pool` unless the consumer took that
-// frame; a take gives back the buffer of the slot handed out before it; the
-// producer fills its next slot from the pool. Skipped frames therefore cost
-// no memory, and neither side allocates per frame once the pool holds a
-// buffer of each size.
+// Owns the frame pool. Only three slots hold a buffer at a time: the one
+// being written, the newest committed and the one handed out last. A commit
+// gives the buffer of the frame it replaces to the pool, unless the consumer
+// took that frame; a take gives back the slot handed out before it; the
+// producer fills its next slot from the pool. Skipped frames cost no memory,
+// and neither side allocates per frame.
 #pragma once
-
-#include <opencv2/core.hpp>
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <opencv2/core.hpp>
 #include <optional>
 
 #include "frame_pool.h"
@@ -105,7 +102,7 @@ private:
     bool servedSlotRewritten GUARDED_BY(ringMutex) = false;  // committed into lastServed's slot
     cv::Size decodedSize;  // producer's: the last committed frame's shape
     int decodedType = -1;
-    CondVar committed;  // signalled on every commit; waited on with ringMutex
+    CondVar committed;                  // signalled on every commit; waited on with ringMutex
     std::deque<int64_t> queueStamps;    // producer's
     std::deque<int64_t> dequeueStamps;  // consumer's
     mutable Mutex ringMutex;

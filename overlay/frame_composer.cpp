@@ -1,7 +1,5 @@
 #include "frame_composer.h"
 
-#include <opencv2/imgproc.hpp>
-
 #include <strings.h>
 
 #include <algorithm>
@@ -9,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <opencv2/imgproc.hpp>
 #include <utility>
 
 #include "scale_three_to_two.h"
@@ -89,7 +88,8 @@ void FrameComposer::scaleToOutput(cv::Mat& frame) {
 }
 
 void FrameComposer::encode(const cv::Mat& frame, std::vector<uchar>& out) {
-    const bool qualityOnly = encodeParams.size() == 2 && encodeParams[0] == cv::IMWRITE_JPEG_QUALITY;
+    const bool qualityOnly =
+        encodeParams.size() == 2 && encodeParams[0] == cv::IMWRITE_JPEG_QUALITY;
     if (qualityOnly && JpegWriter::accepts(frame)) {
         // The library clamps the quality the same way.
         jpegWriter.write(frame, std::clamp(encodeParams[1], 0, 100), out);
@@ -158,8 +158,8 @@ bool FrameComposer::textGeometry(const std::string& line, double x, double y, cv
     size = cv::getTextSize(line, kFont, kFontScale, kTextThickness, &baseline);
     // Integer halves first, then double arithmetic, truncated toward zero:
     // the text's centre falls on (x, y).
-    origin = cv::Point(static_cast<int>(x - (size.width / 2)),
-                       static_cast<int>((size.height / 2) + y));
+    origin =
+        cv::Point(static_cast<int>(x - (size.width / 2)), static_cast<int>((size.height / 2) + y));
     return true;
 }
 
@@ -198,8 +198,7 @@ void FrameComposer::drawTextBox(const char* text, double x, double y) {
 }
 
 void FrameComposer::drawBox(const std::string& line, cv::Point origin, cv::Size size) {
-    cv::rectangle(overlayCanvas,
-                  cv::Point(origin.x - kBoxMarginLeft, origin.y + kBoxMarginBelow),
+    cv::rectangle(overlayCanvas, cv::Point(origin.x - kBoxMarginLeft, origin.y + kBoxMarginBelow),
                   cv::Point(origin.x + size.width + kBoxMarginRight,
                             origin.y - size.height - kBoxMarginAbove),
                   cv::Scalar(0, 0, 0), cv::FILLED, cv::LINE_8, 0);

@@ -1,48 +1,25 @@
 // Turns one captured frame into the JPEG bytes that are served: scales it to
-// 1280 x 720, draws the overlays of the overlay file into it at half opacity
-// and encodes it with JPEG quality 55. Camera and rtspQueue each own one.
+// 1280 x 720, draws the overlay file's texts into it at half opacity and
+// encodes it with JPEG quality 55. The bytes are those of cv::resize
+// (INTER_LINEAR), the drawing calls and cv::imencode; the faster scaler and
+// encoder are used only where they give the same bytes.
 //
-// The bytes are those of cv::resize (INTER_LINEAR) and cv::imencode with
-// encodeParams; two faster paths give the same bytes and are chosen by the
-// frame alone: 1920 x 1080 frames are scaled by scaleThreeToTwo, and 8-bit
-// 3-channel frames are encoded by JpegWriter when the parameters are a
-// quality alone. Anything else takes the library calls.
+// Owns the overlay file state, the overlay canvas, the encoder and its output
+// buffer. Borrows the frame pool it scales into and the rate source, which
+// must outlive it. Main thread only (the frame ring's consumer).
 //
-// Owns: the overlay file state, the overlay canvas, the encoder and its
-// parameters, and the output buffer of composeFrame(slot). Borrows: the
-// frame pool it scales into (the frame ring's, shared with the read thread)
-// and the rate source. Main thread only (the consumer of the frame ring);
-// the only locks it takes are the pool's and, inside drawRateText, the rate
-// source's, each for a moment.
-//
-// Every overlay is one line of white Hershey duplex text on a filled black
-// box centred on its position. All overlays of a frame are drawn onto
-// overlayCanvas, a copy of the frame, which is then blended back 50/50, so
-// overlapping boxes darken the picture only once. Only the areas the boxes
-// and their texts can reach are copied and blended: everywhere else the
-// blend of two equal pixels gives the pixel back, so the result is the same
-// as a whole-frame pass at a small part of its cost.
-//
-// The overlay file is untrusted input; these bounds keep a hostile file from
-// crashing or stalling the main loop:
-//  - At most kMaxOverlaysPerFrame elements (the first ones, in array order)
-//    are examined per frame; later elements are ignored without a message.
-//  - Texts are drawn and measured up to their first kMaxTextBytes bytes.
-//  - Positions that are not finite draw nothing; finite ones are clamped to
-//    +-kFarAway pixels, far outside the frame, before conversion to int.
-//  - Date and time formats longer than kMaxTextBytes draw nothing. Their
-//    expansion is bounded by the 100-byte buffer; when strftime returns 0
-//    (expansion too long, or empty) the overlay draws nothing, not even a box.
-//  - Rate formats are checked before use (isSafeRateFormat): literal text,
-//    "%%" and exactly one floating conversion. A format that fails the check
-//    draws nothing for that overlay. The output is cut to the 80-byte buffer.
+// The overlay file is untrusted input, so drawing is bounded: the first
+// kMaxOverlaysPerFrame elements only; texts cut to kMaxTextBytes; positions
+// that are not finite draw nothing and the others are clamped to +-kFarAway;
+// a date format longer than kMaxTextBytes or expanding to nothing or to more
+// than kTimeTextBytes draws nothing, and so does a rate format that fails
+// isSafeRateFormat.
 #pragma once
-
-#include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include <cstdint>
 #include <map>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
 #include <string>
 #include <vector>
 
@@ -69,52 +46,41 @@ bool isSafeRateFormat(const char* format);
 class FrameComposer {
 public:
     // `rates` and `pool` must outlive the composer.
-    FrameComposer(const RateSource& rates, FramePool& pool, std::string overlayPath = kOverlayFilePath);
+    FrameComposer(const RateSource& rates, FramePool& pool,
+                  std::string overlayPath = kOverlayFilePath);
     FrameComposer(const FrameComposer&) = delete;
     FrameComposer& operator=(const FrameComposer&) = delete;
 
-    // REQUIRES: slot holds an 8-bit, 3-channel frame (an empty slot gives an
-    // empty result and is left alone). Scales the slot in place to
-    // 1280 x 720, applies the overlays and encodes it; the slot keeps the
-    // composed frame. Returns the JPEG bytes, empty if the encoder made none.
-    // A slot of another size is scaled into a buffer from the pool, and its
-    // own buffer goes to the pool for the read thread to decode into again.
-    // The encoder writes into a member buffer reused frame to frame.
+    // REQUIRES: slot is empty or holds an 8-bit, 3-channel frame. Scales the
+    // slot to 1280 x 720 (a frame of another size into a pooled buffer, its
+    // own buffer going to the pool), draws the overlays into it and encodes
+    // it; the slot keeps the composed frame. Returns the JPEG bytes: empty
+    // for an empty slot or when the encoder failed.
     std::string composeFrame(cv::Mat& slot);
     // Same, encoding into the caller's vector, which keeps its capacity.
     std::string composeFrame(cv::Mat& slot, std::vector<uchar>& jpegBuffer);
-
-    // The scaling step alone: `frame` becomes 1280 x 720, its old buffer a
-    // spare in the pool.
-    void scaleToOutput(cv::Mat& frame);
-    // The encoding step alone, into `out` (replacing its content).
-    void encode(const cv::Mat& frame, std::vector<uchar>& out);
 
     // Draws the overlay file's overlays into `frame` (1280 x 720, 8UC3).
     // Without usable overlays the frame is neither copied nor touched.
     void applyOverlays(cv::Mat& frame);
 
-    // The drawing operations below draw into overlayCanvas; (x, y) is the
-    // pixel position of the text's centre.
+    // Each draws one text and its box into the overlay canvas, centred on
+    // pixel (x, y); a time or rate text that cannot be formatted draws
+    // nothing. Image overlays are accepted but draw nothing.
     void drawTextBox(const char* text, double x, double y);
     void drawTimeText(const char* format, double x, double y);
     void drawRateText(const char* format, double (RateSource::*rate)() const, double x, double y);
-    // Image overlays are accepted in the file but draw nothing.
     void drawImage(const char* path);
 
     std::vector<int> encodeParams{cv::IMWRITE_JPEG_QUALITY, 55};
-    // The copy of the frame the overlays are drawn on; keeps its buffer.
-    // After a pass only the areas drawn in hold the frame's pixels.
-    cv::Mat overlayCanvas;
-    OverlayFile overlayFile;
-    struct CachedImage {
-        int64_t stamp;
-        cv::Mat image;
-    };
-    // Reserved for image overlays; nothing fills it.
-    std::map<std::string, CachedImage> imageCache;
 
 private:
+    friend struct FrameComposerPeer;
+
+    // The composition's two library-replacing steps.
+    void scaleToOutput(cv::Mat& frame);
+    void encode(const cv::Mat& frame, std::vector<uchar>& out);
+
     // One text of the pass in progress and where it goes.
     struct PendingText {
         std::string line;
@@ -136,6 +102,16 @@ private:
     bool formatRateText(const char* format, double (RateSource::*rate)() const,
                         char (&text)[kTimeTextBytes]) const;
 
+    // The copy of the frame the overlays are drawn on, blended back 50/50 so
+    // that overlapping boxes darken the picture once. Only the areas the
+    // texts can reach are copied and blended.
+    cv::Mat overlayCanvas;
+    OverlayFile overlayFile;
+    struct CachedImage {
+        int64_t stamp;
+        cv::Mat image;
+    };
+    std::map<std::string, CachedImage> imageCache;  // for image overlays; nothing fills it
     const RateSource& rates;
     FramePool& pool;
     JpegWriter jpegWriter;

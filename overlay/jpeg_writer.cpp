@@ -1,10 +1,10 @@
 #include "jpeg_writer.h"
 
+#include <jpeglib.h>
+
 #include <algorithm>
 #include <csetjmp>
 #include <cstdio>
-
-#include <jpeglib.h>
 
 #ifndef JCS_EXTENSIONS
 #error "libjpeg-turbo with JCS_EXT_BGR is required"
@@ -93,7 +93,8 @@ bool JpegWriter::write(const cv::Mat& image, int quality, std::vector<uchar>& ou
     jpeg_set_quality(&cinfo, quality, TRUE);
     jpeg_start_compress(&cinfo, TRUE);
     while (cinfo.next_scanline < cinfo.image_height) {
-        JSAMPROW row = const_cast<JSAMPROW>(image.ptr<uchar>(static_cast<int>(cinfo.next_scanline)));
+        JSAMPROW row =
+            const_cast<JSAMPROW>(image.ptr<uchar>(static_cast<int>(cinfo.next_scanline)));
         jpeg_write_scanlines(&cinfo, &row, 1);
     }
     jpeg_finish_compress(&cinfo);

@@ -9,9 +9,8 @@
 // Owns one libjpeg compressor, kept from frame to frame. Not thread-safe.
 #pragma once
 
-#include <opencv2/core.hpp>
-
 #include <memory>
+#include <opencv2/core.hpp>
 #include <vector>
 
 class JpegWriter {

@@ -1,8 +1,7 @@
 #include "overlay_file.h"
 
-#include <json-c/json.h>
-
 #include <fcntl.h>
+#include <json-c/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -115,8 +114,9 @@ json_object* OverlayFile::parseFile() const {
 }
 
 bool OverlayFile::readOverlay(int index, Overlay& out) {
-    json_object* element =
-        overlays_ == nullptr ? nullptr : json_object_array_get_idx(overlays_, static_cast<std::size_t>(index));
+    json_object* element = overlays_ == nullptr ? nullptr
+                                                : json_object_array_get_idx(
+                                                      overlays_, static_cast<std::size_t>(index));
     if (element == nullptr) return false;
 
     // A member holding JSON null comes back as null and counts as missing;

@@ -1,23 +1,14 @@
 // Follows the overlay file, a small JSON document that another process
-// rewrites at will, by its modification time, and reads its elements.
-//
-// The file looks like
+// rewrites at will, by its modification time, and reads its elements:
 //   {"overlays": [{"x": 50, "y": 5, "type": "date", "value": "%H:%M:%S"}, ...]}
 // with "x" and "y" in percent of the 1280 x 720 output frame.
 //
-// Owns: the parsed document (one json-c reference); json-c stays inside this
-// unit, callers get the elements as Overlay values. Main thread only: no
-// member takes a lock. Every message goes to standard output as one line,
-// flushed at once, naming the path given to the constructor.
+// Owns the parsed document; json-c stays inside this unit. Main thread only.
+// Every message goes to standard output as one line, flushed at once.
 //
-// The file lives in a world-writable directory, so its content is untrusted:
-//  - Only a regular file of at most kMaxOverlayFileBytes is parsed; anything
-//    else (larger, a FIFO, a directory, a device) is reported as
-//    "Error parsing <path>" and never opened for blocking reads.
-//  - Nesting is limited by json-c's default depth (32); deeper documents are
-//    parse errors.
-//  - An "overlays" member that is not an array is treated as missing.
-//  - Strings are read as C strings, so one holding "\u0000" ends there.
+// The file lives in a world-writable directory, so only a regular file of at
+// most kMaxOverlayFileBytes is parsed (anything else is "Error parsing"), and
+// never with a blocking open; json-c's default depth limit applies.
 #pragma once
 
 #include <cstddef>
@@ -61,14 +52,6 @@ public:
     // "type" or "value" that is not a string is its JSON text.
     bool readOverlay(int index, Overlay& out);
 
-    const std::string& path() const { return path_; }
-
-    // Whether the last stat() found the file; a missing file is reported
-    // only on the transition from seen to not seen.
-    bool overlayFileSeen = true;
-    // Modification time of the file when it was last (attempted to be) read.
-    time_t overlayFileTime = 0;
-
 private:
     void releaseDocument();
     // The parsed file, or null if it is not a regular file of bounded size
@@ -78,6 +61,11 @@ private:
     void sayAboutFile(const char* before, const char* after) const;
 
     std::string path_;
+    // Whether the last stat() found the file: a missing file is reported
+    // only when it goes.
+    bool overlayFileSeen = true;
+    // The modification time when the file was last read (or tried).
+    time_t overlayFileTime = 0;
     // The parsed file; null while there is none or after it was rejected.
     json_object* overlayDocument = nullptr;
     // Its "overlays" array, as the last successful refreshOverlays() found it.

@@ -1,9 +1,8 @@
 #include "scale_three_to_two.h"
 
-#include <opencv2/core/hal/intrin.hpp>
-
 #include <cstdint>
 #include <cstring>
+#include <opencv2/core/hal/intrin.hpp>
 
 namespace {
 
@@ -81,8 +80,9 @@ inline void outputRow(const v_uint16x8 (&heavy)[18], const v_uint16x8 (&light)[1
     alignas(16) uchar all[144];
 #pragma GCC unroll 9
     for (int c = 0; c < 9; ++c) {
-        cv::v_store_aligned(all + 16 * c, cv::v_rshr_pack<2>(combine(heavy[2 * c], light[2 * c]),
-                                                             combine(heavy[2 * c + 1], light[2 * c + 1])));
+        cv::v_store_aligned(all + 16 * c,
+                            cv::v_rshr_pack<2>(combine(heavy[2 * c], light[2 * c]),
+                                               combine(heavy[2 * c + 1], light[2 * c + 1])));
     }
     // Eight bytes at a time, each store's last two overwritten by the next.
 #pragma GCC unroll 15

@@ -1,9 +1,8 @@
 #include "rtsp_queue.h"
 
-#include <opencv2/core/version.hpp>
-
 #include <cstdio>
 #include <iostream>
+#include <opencv2/core/version.hpp>
 
 namespace {
 

@@ -1,46 +1,27 @@
-// rtspQueue: a self-contained alternative to Camera with the same frame-fetch
-// contract. It opens the stream in its constructor (blocking, one attempt
-// every 7 seconds), runs a reader thread that decodes into a 60-slot frame
-// ring and reopens the stream by itself after 11 empty frames in a row, and
-// hands the newest frame out as JPEG, composed like Camera's, through a
-// short-polling getImage(). It reports on the standard streams only:
-//
-//   std::cout  "Opening endpoint", "Stream opened", "Stream running",
-//              "Stream closed"
-//   printf     "Version = %s", "Q F = %d" (each commit), "DQ F = %d" (each take)
-//   std::cerr  "frame empty"
-//
-// Every line is flushed as soon as it is written, so a reader on a pipe sees
-// the lines of both threads in the order they were printed.
-//
-// Where the reader thread differs from Camera's read thread: it prints to the
-// console instead of the event log; it sleeps 1 ms (usleep) after a commit
-// only, never after an empty frame; it releases and reopens the stream on the
-// 11th consecutive empty frame; and an exception thrown by the video library
-// while reading counts as an empty frame (see decodeFrame).
+// rtspQueue: an alternative to Camera with the same frame-fetch contract.
+// Its constructor opens the stream (blocking, one attempt every 7 seconds);
+// its reader thread decodes into its own frame ring and reopens the stream
+// after 11 empty frames in a row; getImage() polls the ring briefly and
+// composes like Camera. It reports on the standard streams only, each line
+// flushed as it is written: "Opening endpoint", "Stream opened", "Stream
+// running", "Stream closed", "Version = %s", "Q F = %d" (each commit),
+// "DQ F = %d" (each take) and, on standard error, "frame empty".
 //
 // Threads: the constructor, getImage(), takeNewest() and the destructor run
-// on one consumer thread; readLoop() runs on the thread start() returns,
-// which the caller owns; stop() may be called from any thread. The ring's
-// roles are as for Camera: the reader owns the write slot and the commit
-// stamps, the consumer owns servingIndex, the slot it composes, jpegBuffer
-// and the composer.
-//
-// Lifecycle: construct (blocks until open) -> start() -> stop() -> join the
-// thread -> destroy. The destructor releases the stream but neither stops nor
-// joins the reader: the owner must have joined it first.
+// on one consumer thread; readLoop() on the thread start() returns, which
+// the caller owns and joins; stop() from any thread. The destructor neither
+// stops nor joins the reader: stop() and join first.
 #pragma once
 
-#include <opencv2/core.hpp>
-#include <opencv2/videoio.hpp>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <unistd.h>
 
 #include "frame_composer.h"
 #include "frame_handoff.h"
@@ -102,8 +83,6 @@ public:
     template <typename Decode>
     static bool decodeFrame(Decode&& decode, cv::Mat& slot);
 
-    bool isRunning() const { return running; }
-
 private:
     // Sleeps kOpenRetryPause before an opening attempt. With `stoppable`,
     // stop() ends the pause early and the result is false.
@@ -115,14 +94,8 @@ private:
     const std::string url;
     std::vector<uchar> jpegBuffer;  // encoder output, reused frame to frame
     cv::VideoCapture capture;       // the reader thread's while it runs
-
-public:
-    // Public for tests, as Camera's are. The composer reads the ring's rates
-    // and owns the overlay state and the encoder parameters.
     FrameRing ring;
     FrameComposer composer;
-
-private:
     Mutex pauseMutex;  // pairs with stopSignal; guards no data but orders `running`
     CondVar stopSignal;
 };

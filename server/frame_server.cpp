@@ -55,8 +55,10 @@ void boundDeadPeers(int fd) {
 }
 
 uint16_t peerPort(const sockaddr_storage& addr) {
-    if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(addr).sin_port);
-    if (addr.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6&>(addr).sin6_port);
+    if (addr.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(addr).sin_port);
+    if (addr.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(addr).sin6_port);
     return 0;
 }
 

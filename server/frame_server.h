@@ -1,16 +1,11 @@
-// The HTTP side of the video server: a non-blocking epoll listener that
-// accepts clients, tells stream clients from single-image clients by their
-// request, and sends them the frames.
+// The HTTP side: a non-blocking epoll listener that accepts clients, tells
+// stream clients from single-image clients by their request, and sends them
+// the frames. Owns the listener, the epoll instance and the client records.
 //
-// Threading: everything here runs on one thread (the main loop's); there are
-// no locks. handleEvents() never waits for network events; sends to clients
-// are blocking, so a slow reader slows the caller. A client that takes
-// nothing for 10 s is cut off by the kernel (see boundDeadPeers), which
-// bounds how long one client can hold everyone else.
-//
-// Process-wide effect: the constructor sets SIGPIPE to be ignored, so writes
-// to closed connections anywhere in the process fail with EPIPE instead of
-// killing it.
+// One thread (the main loop's), no locks. handleEvents() never waits; sends
+// are blocking, so a slow reader slows the caller, and a client that takes
+// nothing for 10 s is cut off by the kernel. The constructor makes the whole
+// process ignore SIGPIPE.
 #pragma once
 
 #include <sys/epoll.h>
@@ -31,7 +26,7 @@ struct Client {
     int fd = -1;              // connected (blocking) socket; the client's identity
     uint16_t port = 0;        // peer port, host byte order
     bool headerSent = false;
-    bool streaming = false;   // cleared just before the header goes out
+    bool streaming = false;  // cleared just before the header goes out
     bool singleImage = false;
 };
 
@@ -60,8 +55,8 @@ public:
 
     // Sends `jpeg` to every client waiting for frames, newest first: one
     // multipart part to streaming clients, a complete response to single-
-    // image clients, whose sockets are then shut down (they are removed by a
-    // later handleEvents). Never adds or removes clients. Returns 0.
+    // image clients, whose sockets are then shut down (a later handleEvents
+    // removes them). Returns 0.
     int sendFrame(const std::string& jpeg);
 
     // Accepts one pending connection and lists it first. 0 on success, -1
@@ -75,23 +70,20 @@ public:
     // Closes the listener: no client is accepted any more; listed clients
     // stay. Destruction closes it too.
     void closeListener();
-    // Whether any listed client is waiting for frames (see Client). For
-    // callers that fetch frames only when someone takes them.
+    // Whether any listed client is waiting for frames (see Client).
     bool hasWaitingClients() const;
 
-    // The listener's local port, or -1 without a listener. Lets tests listen
-    // on port 0.
-    int boundPort() const;
-    // Read-only view of the clients, newest first.
-    const std::list<Client*>& clientList() const { return clients; }
-
 private:
+    friend struct FrameServerPeer;
+
+    // The listener's local port, or -1 without a listener.
+    int boundPort() const;
     void readRequest(Client* client);
 
     int32_t backlog = 5;
-    epoll_event event{};       // scratch, for registering one socket
-    epoll_event events[10]{};  // ready events of one epoll_wait
-    int32_t listenFd = -1;     // -1 whenever there is no listener
-    int32_t epollFd = -1;      // negative if creation failed
+    epoll_event event{};         // scratch, for registering one socket
+    epoll_event events[10]{};    // ready events of one epoll_wait
+    int32_t listenFd = -1;       // -1 whenever there is no listener
+    int32_t epollFd = -1;        // negative if creation failed
     std::list<Client*> clients;  // owned; newest first
 };

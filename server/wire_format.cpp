@@ -31,7 +31,8 @@ constexpr std::string_view kHeaderEnd = "\r\n\r\n";
 
 // Decimal form of n without allocating; 20 digits hold any 64-bit size.
 struct Decimal {
-    explicit Decimal(size_t n) : len(std::to_chars(digits, digits + sizeof digits, n).ptr - digits) {}
+    explicit Decimal(size_t n)
+        : len(std::to_chars(digits, digits + sizeof digits, n).ptr - digits) {}
     std::string_view view() const { return {digits, len}; }
     char digits[20];
     size_t len;

@@ -114,7 +114,8 @@ inline std::optional<std::int64_t> read(const std::uint8_t* luma, std::size_t st
     std::int64_t base = nowMicros - (nowMicros % kModulus);
     std::int64_t best = base + value;
     for (std::int64_t candidate : {best - kModulus, best + kModulus}) {
-        const std::int64_t d = candidate > nowMicros ? candidate - nowMicros : nowMicros - candidate;
+        const std::int64_t d =
+            candidate > nowMicros ? candidate - nowMicros : nowMicros - candidate;
         const std::int64_t dBest = best > nowMicros ? best - nowMicros : nowMicros - best;
         if (d < dBest) best = candidate;
     }

@@ -83,29 +83,40 @@ bool parseSize(const char* text, int& w, int& h) {
 // Returns 0 when the options are good, or the exit status to leave with.
 int parseOptions(int argc, char** argv, Options& o) {
     static const option longOpts[] = {
-        {"port", required_argument, nullptr, 'p'}, {"path", required_argument, nullptr, 'u'},
-        {"size", required_argument, nullptr, 's'}, {"fps", required_argument, nullptr, 'f'},
-        {"stamp", no_argument, nullptr, 't'},      {"help", no_argument, nullptr, 'h'},
-        {"replay", required_argument, nullptr, 'r'},
-        {nullptr, 0, nullptr, 0},
+        {"port", required_argument, nullptr, 'p'},   {"path", required_argument, nullptr, 'u'},
+        {"size", required_argument, nullptr, 's'},   {"fps", required_argument, nullptr, 'f'},
+        {"stamp", no_argument, nullptr, 't'},        {"help", no_argument, nullptr, 'h'},
+        {"replay", required_argument, nullptr, 'r'}, {nullptr, 0, nullptr, 0},
     };
     for (int c; (c = getopt_long(argc, argv, "", longOpts, nullptr)) != -1;) {
         bool ok = true;
         switch (c) {
-            case 'p': ok = parseInt(optarg, 0, 65535, o.port); break;
+            case 'p':
+                ok = parseInt(optarg, 0, 65535, o.port);
+                break;
             case 'u':
                 o.path = optarg;
                 ok = o.path.size() > 1 && o.path[0] == '/';
                 break;
-            case 's': ok = parseSize(optarg, o.width, o.height); break;
-            case 'f': ok = parseInt(optarg, 1, 240, o.fps); break;
-            case 't': o.stamp = true; break;
+            case 's':
+                ok = parseSize(optarg, o.width, o.height);
+                break;
+            case 'f':
+                ok = parseInt(optarg, 1, 240, o.fps);
+                break;
+            case 't':
+                o.stamp = true;
+                break;
             case 'r':
                 o.replay = optarg;
                 ok = !o.replay.empty();
                 break;
-            case 'h': usage(stdout); return -1;
-            default: usage(stderr); return 2;
+            case 'h':
+                usage(stdout);
+                return -1;
+            default:
+                usage(stderr);
+                return 2;
         }
         if (!ok) {
             std::fprintf(stderr, "test-camera: bad value for --%s: %s\n",
@@ -137,17 +148,17 @@ bool haveElement(const char* name) {
 std::string launchLine(const Options& o, bool withClock) {
     // A yellow ball on slate blue rather than white on black, so that white
     // text on a dark box drawn over the picture stays visible in demos.
-    std::string s = "( videotestsrc name=src is-live=true pattern=ball background-color=0xff304860 "
-                    "foreground-color=0xffffd040 ! video/x-raw,format=I420,width=" +
-                    std::to_string(o.width) + ",height=" + std::to_string(o.height) +
-                    ",framerate=" + std::to_string(o.fps) + "/1";
+    std::string s =
+        "( videotestsrc name=src is-live=true pattern=ball background-color=0xff304860 "
+        "foreground-color=0xffffd040 ! video/x-raw,format=I420,width=" +
+        std::to_string(o.width) + ",height=" + std::to_string(o.height) +
+        ",framerate=" + std::to_string(o.fps) + "/1";
     if (withClock) {
         s += " ! timeoverlay halignment=left valignment=top font-desc=\"Sans 24\" "
              "shaded-background=true";
     }
     // One key frame a second, so a client that joins late decodes within a second.
-    s += " ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
-         std::to_string(o.fps) +
+    s += " ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" + std::to_string(o.fps) +
          " ! video/x-h264,profile=constrained-baseline"
          " ! rtph264pay name=pay0 pt=96 config-interval=1 )";
     return s;
@@ -187,7 +198,8 @@ bool i420Layout(GstBuffer* buf, int width, int height, I420Layout& out) {
     out.offset[0] = 0;
     out.offset[1] = static_cast<gsize>(lumaStride) * height;
     out.offset[2] = out.offset[1] + static_cast<gsize>(chromaStride) * (height / 2);
-    return gst_buffer_get_size(buf) == out.offset[2] + static_cast<gsize>(chromaStride) * (height / 2);
+    return gst_buffer_get_size(buf) ==
+           out.offset[2] + static_cast<gsize>(chromaStride) * (height / 2);
 }
 
 // Buffer probe on the source's output: runs as each raw frame leaves
@@ -203,7 +215,8 @@ GstPadProbeReturn stampFrame(GstPad*, GstPadProbeInfo* info, gpointer data) {
     GstMapInfo map;
     if (!i420Layout(buf, o.width, o.height, layout)) {
         static bool warned = false;
-        if (!warned) std::fprintf(stderr, "test-camera: unexpected frame layout, frames not stamped\n");
+        if (!warned)
+            std::fprintf(stderr, "test-camera: unexpected frame layout, frames not stamped\n");
         warned = true;
         return GST_PAD_PROBE_OK;
     }
@@ -214,8 +227,9 @@ GstPadProbeReturn stampFrame(GstPad*, GstPadProbeInfo* info, gpointer data) {
     // background bleeding into them.
     for (int plane = 1; plane < 3; ++plane) {
         for (int y = stamp::bandTop(o.height) / 2; y < o.height / 2; ++y) {
-            std::memset(map.data + layout.offset[plane] + static_cast<gsize>(y) * layout.stride[plane],
-                        128, static_cast<std::size_t>(o.width / 2));
+            std::memset(
+                map.data + layout.offset[plane] + static_cast<gsize>(y) * layout.stride[plane], 128,
+                static_cast<std::size_t>(o.width / 2));
         }
     }
     gst_buffer_unmap(buf, &map);
@@ -278,7 +292,8 @@ bool loadRecording(const std::string& path, Recording& rec) {
         GST_BUFFER_DTS(unit) = GST_BUFFER_DTS_IS_VALID(unit)
                                    ? GST_BUFFER_DTS(unit) - std::min(firstPts, GST_BUFFER_DTS(unit))
                                    : GST_BUFFER_PTS(unit);
-        const GstClockTime step = GST_BUFFER_DURATION_IS_VALID(unit) ? GST_BUFFER_DURATION(unit) : 0;
+        const GstClockTime step =
+            GST_BUFFER_DURATION_IS_VALID(unit) ? GST_BUFFER_DURATION(unit) : 0;
         lastEnd = std::max(lastEnd, GST_BUFFER_PTS(unit) + step);
         rec.units.push_back(unit);
     }
@@ -357,7 +372,8 @@ int main(int argc, char** argv) {
         }
     }
     const bool withClock = haveElement("timeoverlay");
-    if (!withClock) std::fprintf(stderr, "test-camera: timeoverlay missing, picture has no clock\n");
+    if (!withClock)
+        std::fprintf(stderr, "test-camera: timeoverlay missing, picture has no clock\n");
 
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     GstRTSPServer* server = gst_rtsp_server_new();
@@ -377,12 +393,14 @@ int main(int argc, char** argv) {
         gst_rtsp_media_factory_set_launch(factory, launchLine(opt, withClock).c_str());
     } else {
         gst_rtsp_media_factory_set_launch(
-            factory, "( appsrc name=src is-live=false ! rtph264pay name=pay0 pt=96 config-interval=-1 )");
+            factory,
+            "( appsrc name=src is-live=false ! rtph264pay name=pay0 pt=96 config-interval=-1 )");
         g_signal_connect(factory, "media-configure", G_CALLBACK(onReplayConfigure), &recording);
     }
     gst_rtsp_media_factory_set_shared(factory, TRUE);
     gst_rtsp_media_factory_set_protocols(factory, GST_RTSP_LOWER_TRANS_TCP);
-    if (opt.stamp && opt.replay.empty()) g_signal_connect(factory, "media-configure", G_CALLBACK(onMediaConfigure), &opt);
+    if (opt.stamp && opt.replay.empty())
+        g_signal_connect(factory, "media-configure", G_CALLBACK(onMediaConfigure), &opt);
     GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server);
     gst_rtsp_mount_points_add_factory(mounts, opt.path.c_str(), factory);  // takes factory
     g_object_unref(mounts);
