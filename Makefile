@@ -54,11 +54,11 @@ fuzz: deps
 		-DBUILD_TESTING=OFF -DCMAKE_DISABLE_FIND_PACKAGE_benchmark=TRUE -DFUZZ_SECONDS=$(FUZZ_SECONDS)
 	cmake --build $(FUZZ_BUILD_DIR) -j $(JOBS) --target fuzz-run
 
-# Streams to several clients for SOAK_SECONDS (default 10 minutes) and checks
-# the server's memory and descriptors stay flat (see scripts/soak).
+# Streams to five viewers for SOAK_SECONDS (default 10 minutes) and checks
+# that the server's memory and descriptors stay flat (tests/e2e/e2e.py).
 SOAK_SECONDS ?= 600
 soak: build
-	scripts/soak --build $(BUILD_DIR) --seconds $(SOAK_SECONDS)
+	tests/support/isolate --net -- tests/e2e/e2e.py $(BUILD_DIR) soak $(SOAK_SECONDS)
 
 demo: build
 	scripts/demo $(BUILD_DIR)
@@ -120,10 +120,10 @@ deb-arm64: cross-arm64 deb-deps
 # Installs the amd64 package with apt into a fresh bookworm root and runs it
 # there; checks the arm64 package's contents and runs its binary under qemu.
 test-deb: deb
-	scripts/test-deb amd64 $(BUILD_DIR)/video-server_$(VERSION)_amd64.deb $(DEB_TEST_ROOT) $(BUILD_DIR)
+	tests/package/test-deb amd64 $(BUILD_DIR)/video-server_$(VERSION)_amd64.deb $(DEB_TEST_ROOT) $(BUILD_DIR)
 
 test-deb-arm64: deb-arm64
-	scripts/test-deb arm64 $(ARM64_BUILD_DIR)/video-server_$(VERSION)_arm64.deb $(ARM64_ROOT)
+	tests/package/test-deb arm64 $(ARM64_BUILD_DIR)/video-server_$(VERSION)_arm64.deb $(ARM64_ROOT)
 
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(TSAN_BUILD_DIR) $(FUZZ_BUILD_DIR) $(ARM64_BUILD_DIR)

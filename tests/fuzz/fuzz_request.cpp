@@ -11,17 +11,24 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FrameServer server(0);
     const std::string request(reinterpret_cast<const char*>(data), std::min<size_t>(size, 1025));
-    const auto pass = [&](auto done) { return waitFor([&] { return server.handleEvents(), done(); }, 20s); };
-    LoopbackClient client(server.boundPort());
-    if (!pass([&] { return !server.clientList().empty(); })) std::abort();
-    Client* state = server.clientList().front();
+    const auto pass = [&](auto done) {
+        return waitFor([&] { return server.handleEvents(), done(); }, 20s);
+    };
+    LoopbackClient client(FrameServerPeer::port(server));
+    if (!pass([&] { return !FrameServerPeer::clients(server).empty(); })) std::abort();
+    Client* state = FrameServerPeer::clients(server).front();
     client.sendText(request);
-    if (!request.empty() && !pass([&] { return state->headerSent || state->singleImage; })) std::abort();
+    if (!request.empty() && !pass([&] { return state->headerSent || state->singleImage; }))
+        std::abort();
     server.sendFrame(kJpeg);
     server.sendFrame(kJpeg);
-    const bool single = std::string(request.substr(0, 1024).c_str()).find("frame_id=") != std::string::npos;
-    const std::string expected = single ? kSingle : request.empty() ? "" : kStreamHeader + kPart + kPart;
-    if (client.readAtLeast(expected.size() + single, 20s) != expected || client.eof() != single) std::abort();
+    const bool single =
+        std::string(request.substr(0, 1024).c_str()).find("frame_id=") != std::string::npos;
+    const std::string expected = single            ? kSingle
+                                 : request.empty() ? ""
+                                                   : kStreamHeader + kPart + kPart;
+    if (client.readAtLeast(expected.size() + single, 20s) != expected || client.eof() != single)
+        std::abort();
     server.removeClient(state);
     return 0;
 }
