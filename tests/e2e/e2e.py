@@ -60,29 +60,21 @@ def stop(process, sig=signal.SIGINT):
     return process.wait(30)
 
 
-class Camera:
-    """The test camera; it comes back on the port it had."""
-
-    def __init__(self):
-        self.port = 0
-        self.start()
-
-    def start(self):
-        out = TMP + "/camera.url"
-        binary = os.environ.get("VS_CAMERA", BUILD + "/test-camera")
-        self.process = start([binary, "--size", "640x360", "--port", str(self.port)], out)
-        check(wait_for(lambda: open(out).read().endswith("\n")), "the test camera did not start")
-        self.url = open(out).read().strip()
-        self.port = int(re.search(r":(\d+)/", self.url).group(1))
-        self.args = ["-u", self.url, "-t", "127.0.0.1:%d" % self.port]
+def camera():
+    """Starts the test camera; the server's options for it."""
+    out = TMP + "/camera.url"
+    start([os.environ.get("VS_CAMERA", BUILD + "/test-camera"), "--size", "640x360", "--port", "0"], out)
+    check(wait_for(lambda: open(out).read().endswith("\n")), "the test camera did not start")
+    url = open(out).read().strip()
+    return ["-u", url, "-t", "127.0.0.1:" + re.search(r":(\d+)/", url).group(1)]
 
 
 def server(port, args, out=TMP + "/server.out"):
     return start(LAUNCHER + [BUILD + "/video-server", "-p", str(port)] + args, out)
 
 
-def serving(camera, port):
-    process = server(port, camera.args)
+def serving(port):
+    process = server(port, camera())
     check(wait_for(lambda: "Read thread running" in log(), 60), "the stream did not open")
     return process
 
@@ -141,7 +133,7 @@ def test_clients():
     """curl's single image, ffmpeg's MJPEG input and Chromium's <img> each
     get a 1280x720 picture (not a blank page: a wide range of luma)."""
     port = free_port()
-    serving(Camera(), port)
+    serving(port)
     url = "http://127.0.0.1:%d/" % port
     with open(TMP + "/page.html", "w") as f:
         f.write("<body style='margin:0'><img src='%s'></body>" % url)
@@ -168,12 +160,12 @@ def test_life():
     camera address this network cannot reach), and the log lines that follow
     "Starting main loop" and that end the log. The control FIFO gets its
     announcement; a failed attempt waits a second before the next."""
-    camera, port, closed, no_route = Camera(), free_port(), free_port(), "192.168.1.64:554"
-    refused = "rtsp://127.0.0.1:%d/x" % closed
+    port, no_route, (_, url, _, test_url) = free_port(), "192.168.1.64:554", camera()
+    refused = "rtsp://127.0.0.1:%d/x" % free_port()
     version = subprocess.run(["pkg-config", "--modversion", "opencv4"], capture_output=True,
                              text=True).stdout.strip()
-    cases = [(signal.SIGINT, camera.url, camera.args[3],
-              ["Testing connection to " + camera.args[3], "Success", "Opening stream " + camera.url,
+    cases = [(signal.SIGINT, url, test_url,
+              ["Testing connection to " + test_url, "Success", "Opening stream " + url,
                "Stream opened", "Read thread running"], ["Stopping camera", "Camera stopped"]),
              (signal.SIGHUP, None, None, ["Testing connection to " + no_route,
                                           "connect failed to " + no_route,
@@ -182,16 +174,16 @@ def test_life():
              (signal.SIGINT, "ab", "", ["Invalid stream URL : ab"], ["Invalid stream URL : ab"]),
              (signal.SIGINT, refused, "", ["Opening stream " + refused, "Failure opening stream"],
               ["Failure opening stream"])]
-    for sig, url, test_url, opening, closing in cases:
+    for sig, stream, probe, opening, closing in cases:
         if os.path.exists(LOG):
             os.remove(LOG)
         os.mkfifo("/var/run/tbx/api.fifo")
-        args = ["-u", url, "-t", test_url] if url else []
+        args = ["-u", stream, "-t", probe] if stream else []
         process = server(port, args)
         with open("/var/run/tbx/api.fifo") as control:  # the control service's end
             check(control.readline() == "camera enable\n", "no announcement")
         check(wait_for(lambda: opening[-1] in log()), log())
-        if url == camera.url:  # overlay messages go out as they happen, not when a client connects
+        if stream == url:  # overlay messages go out as they happen, not when a client connects
             check(wait_for(lambda: open(TMP + "/server.out").read() ==
                            "Cannot stat /tmp/overlays.json\n"), "overlay message")
             viewer = Viewer(port)
@@ -199,14 +191,14 @@ def test_life():
         time.sleep(2)  # a few attempts' worth of log
         check(stop(process, sig) == 0, "exit status")
         expected = ["************** ENTRY **************", "OpenCV version = " + version,
-                    "HTTP Port     : %d" % port, "Stream URL    : " + (url or "rtsp://%s/stream1" % no_route),
+                    "HTTP Port     : %d" % port, "Stream URL    : " + (stream or "rtsp://%s/stream1" % no_route),
                     "Video Width   : 1280", "Video Height  : 720", "Stream FPS    : 30.0",
-                    "Stream CODEC  : h264", "Test URL      : " + (no_route if url is None else test_url),
+                    "Stream CODEC  : h264", "Test URL      : " + (no_route if stream is None else probe),
                     "Enabling camera", "Camera enabled", "Starting main loop"] + opening
         lines = log()
         check(lines[:len(expected)] == expected and lines[-len(closing) - 1:] == closing + [EXIT], lines)
         check(len(lines) < 30, "%d log lines in about 2 s" % len(lines))
-        check(("client connected\n" in open(TMP + "/server.out").read()) == (url == camera.url), "clients")
+        check(("client connected\n" in open(TMP + "/server.out").read()) == (stream == url), "clients")
         os.remove("/var/run/tbx/api.fifo")
 
 
@@ -229,7 +221,7 @@ def test_stopped_viewer():
     with open("/proc/sys/net/ipv4/tcp_wmem", "w") as f:
         f.write("4096 16384 262144")
     port = free_port()
-    serving(Camera(), port)
+    serving(port)
     viewers = [Viewer(port) for _ in range(5)]
     check(wait_for(lambda: all(v.parts >= 10 for v in viewers)), "viewers")
     stopped = socket.create_connection(("127.0.0.1", port), timeout=30)
@@ -275,7 +267,7 @@ def soak(seconds):
     descriptors stay flat after a warm-up (the least of the first and of the
     last ten samples: the log and the overlay file are open for moments)."""
     port = free_port()
-    pid = serving(Camera(), port).pid
+    pid = serving(port).pid
     viewers = [Viewer(port) for _ in range(5)]
     warm_up, samples = min(60, max(10, seconds // 10)), []
     for second in range(seconds):
