@@ -15,12 +15,11 @@ DESTDIR ?=
 # outside the build directory: making it takes a few minutes.
 ARM64_BUILD_DIR ?= build-arm64
 ARM64_ROOT ?= $(HOME)/.cache/video-server/arm64-root
-# Unit tests run under qemu-aarch64, less the case that needs the test camera
-# (queue_tests and e2e_tests need it throughout, e2e_tests namespaces too).
-ARM64_TESTS ?= app_tests camera_tests overlay_tests server_tests
-ARM64_GTEST_FILTER ?= -CameraTest.ServesEachFrameOnce*
+# The whole suite runs against the arm64 build under qemu-aarch64, with this
+# machine's test camera and clients. The stopped-viewer case stays x86-only:
+# it needs the server's full frame rate, which emulation cuts to a few fps.
 
-.PHONY: deps build test test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e clean \
+.PHONY: deps build test format-check test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e clean \
 	install cross-arm64 test-arm64 deb-deps deb deb-arm64 test-deb test-deb-arm64
 
 deps:
@@ -32,6 +31,10 @@ build: deps
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+# Every C and C++ file as .clang-format lays it out.
+format-check:
+	git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 # The whole suite again under ASan + UBSan, then under TSan: clang, a build
 # directory each. Reports from every process, the server and camera children
@@ -87,13 +90,12 @@ cross-arm64:
 	@scripts/install-deps arm64
 	deploy/arm64-root $(ARM64_ROOT)
 	cmake -S . -B $(ARM64_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-		-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/deploy/aarch64.cmake -DVS_ARM64_ROOT=$(ARM64_ROOT) -DVS_TEST_CAMERA=OFF
-	cmake --build $(ARM64_BUILD_DIR) -j $(JOBS) --target video-server $(ARM64_TESTS)
+		-DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/deploy/aarch64.cmake -DVS_ARM64_ROOT=$(ARM64_ROOT) -DVS_TEST_CAMERA=OFF \
+		-DVS_HOST_TEST_CAMERA=$(CURDIR)/$(BUILD_DIR)/test-camera
+	cmake --build $(ARM64_BUILD_DIR) -j $(JOBS)
 
-test-arm64: cross-arm64
-	for t in $(ARM64_TESTS); do \
-		qemu-aarch64 -L $(ARM64_ROOT) $(ARM64_BUILD_DIR)/$$t --gtest_filter='$(ARM64_GTEST_FILTER)' || exit 1; \
-	done
+test-arm64: build cross-arm64
+	cd $(ARM64_BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 900
 
 # Debian packages of the trees built above (debian/: debhelper through
 # dpkg-buildpackage), each written into its build directory and checked with
