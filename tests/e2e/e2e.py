@@ -97,17 +97,21 @@ class Viewer(threading.Thread):
         self.start()
 
     def run(self):
-        data, last = b"", time.monotonic()
+        data = b""
+        last = time.monotonic()
         try:
             while chunk := self.sock.recv(65536):
                 data += chunk
                 while m := re.search(rb"Content-Length: (\d+)\r\n\r\n", data):
-                    if len(data) < m.end() + int(m.group(1)):
+                    end = m.end() + int(m.group(1))
+                    if len(data) < end:
                         break
-                    jpeg, data = data[m.end():m.end() + int(m.group(1))], data[m.end() + int(m.group(1)):]
-                    check(jpeg[:2] == b"\xff\xd8" and jpeg[-2:] == b"\xff\xd9", "not a JPEG")
+                    check(data[m.end():m.end() + 2] == b"\xff\xd8" and data[end - 2:end] == b"\xff\xd9",
+                          "not a JPEG")
+                    data = data[end:]
                     self.freezes += time.monotonic() - last > 3
-                    self.parts, last = self.parts + 1, time.monotonic()
+                    self.parts += 1
+                    last = time.monotonic()
             self.broken = "closed"
         except (OSError, AssertionError) as e:
             self.broken = str(e)
@@ -160,7 +164,9 @@ def test_life():
     camera address this network cannot reach), and the log lines that follow
     "Starting main loop" and that end the log. The control FIFO gets its
     announcement; a failed attempt waits a second before the next."""
-    port, no_route, (_, url, _, test_url) = free_port(), "192.168.1.64:554", camera()
+    port = free_port()
+    no_route = "192.168.1.64:554"
+    _, url, _, test_url = camera()
     refused = "rtsp://127.0.0.1:%d/x" % free_port()
     version = subprocess.run(["pkg-config", "--modversion", "opencv4"], capture_output=True,
                              text=True).stdout.strip()
@@ -269,7 +275,8 @@ def soak(seconds):
     port = free_port()
     pid = serving(port).pid
     viewers = [Viewer(port) for _ in range(5)]
-    warm_up, samples = min(60, max(10, seconds // 10)), []
+    warm_up = min(60, max(10, seconds // 10))
+    samples = []
     for second in range(seconds):
         if second % 3 == 0:
             single_image(port)()
@@ -284,7 +291,8 @@ def soak(seconds):
     n = min(10, len(samples) // 2)
     check(n >= 2, "too short to measure")
     for i, name, limit in ((0, "KiB of memory", 8192), (1, "descriptors", 0)):
-        first, last = min(s[i] for s in samples[:n]), min(s[i] for s in samples[-n:])
+        first = min(s[i] for s in samples[:n])
+        last = min(s[i] for s in samples[-n:])
         print("soak: %s %d -> %d" % (name, first, last))
         check(last - first <= limit, "%s grew by %d" % (name, last - first))
     check(all(v.freezes == 0 and not v.broken for v in viewers), [v.freezes for v in viewers])
