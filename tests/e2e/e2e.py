@@ -73,10 +73,14 @@ def server(port, args, out=TMP + "/server.out"):
     return start(LAUNCHER + [BUILD + "/video-server", "-p", str(port)] + args, out)
 
 
-def serving(port):
-    process = server(port, camera())
+def serving():
+    """The server on the test camera; its HTTP port, picked while the camera
+    holds its own, so that the two differ."""
+    args = camera()
+    port = free_port()
+    process = server(port, args)
     check(wait_for(lambda: "Read thread running" in log(), 60), "the stream did not open")
-    return process
+    return port, process
 
 
 def free_port():
@@ -136,8 +140,7 @@ def single_image(port):
 def test_clients():
     """curl's single image, ffmpeg's MJPEG input and Chromium's <img> each
     get a 1280x720 picture (not a blank page: a wide range of luma)."""
-    port = free_port()
-    serving(port)
+    port, _ = serving()
     url = "http://127.0.0.1:%d/" % port
     with open(TMP + "/page.html", "w") as f:
         f.write("<body style='margin:0'><img src='%s'></body>" % url)
@@ -148,7 +151,7 @@ def test_clients():
                      "--user-data-dir=" + TMP + "/profile", "--window-size=1280,720",
                      "--timeout=5000", "--screenshot=" + TMP + "/chromium.png",
                      "file://" + TMP + "/page.html"]):
-        subprocess.run(["timeout", "90"] + command, capture_output=True, stdin=subprocess.DEVNULL)
+        run = subprocess.run(["timeout", "90"] + command, capture_output=True, stdin=subprocess.DEVNULL)
         picture = TMP + "/" + command[0] + (".png" if command[0] == "chromium" else ".jpg")
         stats = subprocess.run(["ffmpeg", "-v", "error", "-i", picture, "-vf",
                                 "signalstats,metadata=print:file=-", "-f", "null", "-"],
@@ -156,7 +159,7 @@ def test_clients():
         size = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=width,height",
                                "-of", "csv=p=0", picture], capture_output=True, text=True)
         luma = [float(v) for v in re.findall(r"Y(?:MIN|MAX)=([0-9.]+)", stats)] or [0, 0]
-        check(size.stdout.strip() == "1280,720" and luma[1] - luma[0] > 100, command[0])
+        check(size.stdout.strip() == "1280,720" and luma[1] - luma[0] > 100, (command[0], size.stdout, luma, run.stderr[-300:]))
 
 
 def test_life():
@@ -164,9 +167,9 @@ def test_life():
     camera address this network cannot reach), and the log lines that follow
     "Starting main loop" and that end the log. The control FIFO gets its
     announcement; a failed attempt waits a second before the next."""
+    _, url, _, test_url = camera()
     port = free_port()
     no_route = "192.168.1.64:554"
-    _, url, _, test_url = camera()
     refused = "rtsp://127.0.0.1:%d/x" % free_port()
     version = subprocess.run(["pkg-config", "--modversion", "opencv4"], capture_output=True,
                              text=True).stdout.strip()
@@ -226,8 +229,7 @@ def test_stopped_viewer():
     is answered."""
     with open("/proc/sys/net/ipv4/tcp_wmem", "w") as f:
         f.write("4096 16384 262144")
-    port = free_port()
-    serving(port)
+    port, _ = serving()
     viewers = [Viewer(port) for _ in range(5)]
     check(wait_for(lambda: all(v.parts >= 10 for v in viewers)), "viewers")
     stopped = socket.create_connection(("127.0.0.1", port), timeout=30)
@@ -272,8 +274,8 @@ def soak(seconds):
     10 s: no viewer freezes or breaks, and the server's memory and
     descriptors stay flat after a warm-up (the least of the first and of the
     last ten samples: the log and the overlay file are open for moments)."""
-    port = free_port()
-    pid = serving(port).pid
+    port, process = serving()
+    pid = process.pid
     viewers = [Viewer(port) for _ in range(5)]
     warm_up = min(60, max(10, seconds // 10))
     samples = []
