@@ -3,6 +3,7 @@
 #include "camera.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "probe.h"
 #include "support.h"
@@ -41,6 +42,20 @@ struct CountingMatAllocator : cv::MatAllocator {
     mutable int allocated = 0;
     mutable int alive = 0;
     mutable int peak = 0;
+};
+
+// While alive, no descriptor can be opened: the soft limit is the lowest
+// free one.
+struct NoFreeDescriptor {
+    NoFreeDescriptor() {
+        getrlimit(RLIMIT_NOFILE, &normal);
+        const int next = dup(0);
+        close(next);
+        const rlimit none{static_cast<rlim_t>(next), normal.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoFreeDescriptor() { setrlimit(RLIMIT_NOFILE, &normal); }
+    rlimit normal{};
 };
 
 // A listening socket on a free loopback port; `backlog` 0 still queues one
@@ -169,6 +184,8 @@ TEST_F(CameraTest, ProbeOutcomes) {
         for (int fd; connects && (fd = accept4(listener, nullptr, nullptr, 0)) >= 0;) close(fd);
     }
     EXPECT_EQ(logMessages(log).size(), 0u);  // refused or not, a loopback connect is not logged
+    const NoFreeDescriptor none;
+    EXPECT_FALSE(testConnection("127.0.0.1", port, 1));  // no socket at all
     for (int fd : fillers) close(fd);
     close(listener);
 }
