@@ -110,6 +110,10 @@ TEST(FrameRing, TakesRatesAndWaits) {
     EXPECT_DOUBLE_EQ(ring.queueRate(), 120 / 1.21);  // over the last 121 stamps only
     EXPECT_EQ(run(ring, "c n c n c c x n", 20'000'000), (std::vector<int>{51, 52, 54, -1}));
     EXPECT_DOUBLE_EQ(ring.dequeueRate(), 20.0);  // 40 and 60 ms; the empty take is no take
+    ring.resetStamps();  // as a newly opened stream does: both rates start again
+    run(ring, "c n c n", 100'000'000);
+    EXPECT_DOUBLE_EQ(ring.queueRate(), 5.0);
+    EXPECT_DOUBLE_EQ(ring.dequeueRate(), 5.0);
     // A commit wakes a waiting consumer at once, long before its deadline.
     EXPECT_FALSE(ring.waitForNew(20'000));
     const auto start = Clock::now();
