@@ -33,7 +33,7 @@ test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
 # Every C and C++ file as .clang-format lays it out.
-format-check:
+format-check: deps
 	git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 # The whole suite again under ASan + UBSan, then under TSan: clang, a build
