@@ -101,8 +101,6 @@ test-arm64: build cross-arm64
 # dpkg-buildpackage), each written into its build directory and checked with
 # lintian. The version is debian/changelog's.
 VERSION = $(shell dpkg-parsechangelog -S Version)
-# The fresh bookworm root the amd64 package is installed into for its test.
-DEB_TEST_ROOT ?= $(HOME)/.cache/video-server/bookworm-root
 package = $(4) VS_DEB_DIR=$(1) dpkg-buildpackage -b -us -uc $(2) --buildinfo-option=-u$(1) --changes-option=-u$(1) \
 		--buildinfo-file=$(1)/video-server_$(VERSION)_$(3).buildinfo \
 		--changes-file=$(1)/video-server_$(VERSION)_$(3).changes && \
@@ -119,13 +117,13 @@ deb-arm64: cross-arm64 deb-deps
 		VS_BUILD_DIR=$(ARM64_BUILD_DIR) VS_ARM64_ROOT=$(ARM64_ROOT) \
 		DEB_BUILD_OPTIONS=nocheck CC=aarch64-linux-gnu-gcc)
 
-# Installs the amd64 package with apt into a fresh bookworm root and runs it
-# there; checks the arm64 package's contents and runs its binary under qemu.
+# Each package's files and Depends. The arm64 one is installed, upgraded and
+# purged on the board (test-board).
 test-deb: deb
-	tests/package/test-deb amd64 $(BUILD_DIR)/video-server_$(VERSION)_amd64.deb $(DEB_TEST_ROOT) $(BUILD_DIR)
+	tests/package/test-deb $(BUILD_DIR)/video-server_$(VERSION)_amd64.deb
 
 test-deb-arm64: deb-arm64
-	tests/package/test-deb arm64 $(ARM64_BUILD_DIR)/video-server_$(VERSION)_arm64.deb $(ARM64_ROOT)
+	tests/package/test-deb $(ARM64_BUILD_DIR)/video-server_$(VERSION)_arm64.deb
 
 # The emulated arm64 board (qemu-system-aarch64, Debian bookworm with systemd)
 # the arm64 package is installed on, its disk image made once and kept here

@@ -12,7 +12,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FrameServer server(0);
     const std::string request(reinterpret_cast<const char*>(data), std::min<size_t>(size, 1025));
     const auto pass = [&](auto done) {
-        return waitFor([&] { return server.handleEvents(), done(); }, 20s);
+        return waitFor(
+            [&] {
+                server.handleEvents();
+                return done();
+            },
+            20s);
     };
     LoopbackClient client(FrameServerPeer::port(server));
     if (!pass([&] { return !FrameServerPeer::clients(server).empty(); })) std::abort();
