@@ -19,7 +19,7 @@ ARM64_ROOT ?= $(HOME)/.cache/video-server/arm64-root
 # machine's test camera and clients. The stopped-viewer case stays x86-only:
 # it needs the server's full frame rate, which emulation cuts to a few fps.
 
-.PHONY: deps build test format-check test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e clean \
+.PHONY: deps build test format-check test-sanitize test-asan test-tsan fuzz soak demo bench bench-deps bench-e2e bench-arm64 clean \
 	install cross-arm64 test-arm64 deb-deps deb deb-arm64 test-deb test-deb-arm64 test-board
 
 deps:
@@ -80,6 +80,15 @@ bench: build bench-deps
 # (needs root: runs in private namespaces; about 20 minutes).
 bench-e2e: build bench-deps
 	bench/e2e --build $(BUILD_DIR)
+
+# Instructions per frame on arm64 under qemu-aarch64: the server, a bare
+# capture loop, GStreamer (from a root of its own, kept here) and the
+# composition's steps alone (needs root: runs in private namespaces).
+ARM64_GST_ROOT ?= $(HOME)/.cache/video-server/arm64-gst-root
+
+bench-arm64: build cross-arm64 bench-deps
+	ARM64_ROOT=$(ARM64_ROOT) ARM64_GST_ROOT=$(ARM64_GST_ROOT) \
+		bench/arm64/run --build $(BUILD_DIR) --arm64-build $(ARM64_BUILD_DIR)
 
 # The server, its systemd units, health check and log rotation rule,
 # stripped for the device.

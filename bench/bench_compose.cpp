@@ -25,23 +25,11 @@
 #include <string>
 #include <vector>
 
+#include "composer_fixture.h"
 #include "frame_composer.h"
 #include "scale_three_to_two.h"
 
-// The encoding step alone.
-struct FrameComposerPeer {
-    static void encode(FrameComposer& c, const cv::Mat& frame, std::vector<uchar>& out) {
-        c.encode(frame, out);
-    }
-};
-
 namespace {
-
-class SteadyRates : public RateSource {
-public:
-    double queueRate() const override { return 29.97; }
-    double dequeueRate() const override { return 25.0; }
-};
 
 SteadyRates g_rates;
 std::filesystem::path g_dir;
@@ -155,11 +143,7 @@ int main(int argc, char** argv) {
     std::string tmpl = (std::filesystem::temp_directory_path() / "bench-compose-XXXXXX").string();
     if (mkdtemp(tmpl.data()) == nullptr) return 1;
     g_dir = tmpl;
-    std::ofstream(g_dir / "overlays.json")
-        << R"({"overlays":[{"x":50,"y":5,"type":"date","value":"%Y-%m-%d %H:%M:%S"},)"
-        << R"({"x":85,"y":5,"type":"text","value":"Gate 3"},)"
-        << R"({"x":15,"y":88,"type":"queue_rate","value":"capture %.1f fps"},)"
-        << R"({"x":85,"y":88,"type":"dequeue_rate","value":"serving %.1f fps"}]})";
+    writeFourOverlays(g_dir / "overlays.json");
     // The overlay file's one message, before the timed runs.
     cv::Mat warmUp = g_hd.clone();
     composer(true).composeFrame(warmUp);
