@@ -26,19 +26,23 @@ void FrameRing::commitFrame() {
     const int64_t now = clock();
     decodedSize = frames[writeIndex].size();
     decodedType = frames[writeIndex].type();
-    int32_t replaced;
+    cv::Mat replacedFrame;
     {
         MutexLock lock(&ringMutex);
         // The slot served last is the consumer's, unless the producer has
         // come round to it since: then it holds a frame no take hands out.
-        replaced = lastWritten != lastServed || servedSlotRewritten ? lastWritten : -1;
+        const int32_t replaced =
+            lastWritten != lastServed || servedSlotRewritten ? lastWritten : -1;
+        // Moved under ringMutex: in the second case the consumer's next take
+        // gives back the same slot (see handOut).
+        if (replaced != -1) replacedFrame = std::move(frames[replaced]);
         servedSlotRewritten = writeIndex == lastServed;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
     }
     // No take can reach the replaced frame any more and the consumer does
     // not hold it: its buffer is free.
-    if (replaced != -1) pool.give(std::move(frames[replaced]));
+    pool.give(std::move(replacedFrame));
     committed.signal();
     if (const auto rate = pushStamp(queueStamps, now)) {
         MutexLock lock(&rateMutex);
