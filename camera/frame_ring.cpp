@@ -39,6 +39,8 @@ void FrameRing::commitFrame() {
         servedSlotRewritten = writeIndex == lastServed;
         lastWritten = writeIndex;
         writeIndex = (writeIndex + 1) % kSlots;
+        // The consumer is still reading the frame it took: passed over.
+        if (slotHeld && writeIndex == lastServed) writeIndex = (writeIndex + 1) % kSlots;
     }
     // No take can reach the replaced frame any more and the consumer does
     // not hold it: its buffer is free.
@@ -67,7 +69,13 @@ cv::Mat FrameRing::handOut(int32_t taken) {
     if (lastServed != -1 && lastServed != writeIndex) released = std::move(frames[lastServed]);
     lastServed = taken;
     servedSlotRewritten = false;
+    slotHeld = true;
     return released;
+}
+
+void FrameRing::slotDone() {
+    MutexLock lock(&ringMutex);
+    slotHeld = false;
 }
 
 int FrameRing::takeNewest() {

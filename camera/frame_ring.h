@@ -2,9 +2,9 @@
 // thread (the one consumer): 60 frame slots, newest wins, and the two rate
 // meters. The producer never waits; the consumer may wait for a commit.
 //
-// Slots are not locked: a slot handed out by takeNewest() is written again
-// only after 59 further commits, so the consumer must be done with it by
-// then (about two seconds at 30 frames per second).
+// Slots are not locked. The consumer holds the slot it takes until
+// slotDone(), and the producer passes over a held slot instead of writing
+// into it, so a consumer may take as long as it needs over a frame.
 //
 // Owns the frame pool. Only three slots hold a buffer at a time: the one
 // being written, the newest committed and the one handed out last. A commit
@@ -15,7 +15,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <opencv2/core.hpp>
@@ -38,13 +37,9 @@ public:
     FrameRing(const FrameRing&) = delete;
     FrameRing& operator=(const FrameRing&) = delete;
 
-    // Producer: the slot the next frame is decoded into. Acquires what the
-    // consumer published with slotDone(), so its last writes to this slot
-    // (the in-place composition) happen before the producer's.
-    cv::Mat& writeSlot() {
-        (void)consumerDone.load(std::memory_order_acquire);
-        return frames[writeIndex];
-    }
+    // Producer: the slot the next frame is decoded into. The commit that
+    // made it the write slot found the consumer done with it.
+    cv::Mat& writeSlot() { return frames[writeIndex]; }
     // Producer, before a frame is written: writeSlot(), holding a spare
     // buffer of the last committed frame's size and type when the slot has
     // none of its own (so the capture writes into it instead of allocating).
@@ -66,10 +61,9 @@ public:
     // and forgets it, so a take finds something only after a new commit.
     int takeAndClear() EXCLUDES(ringMutex, rateMutex);
     cv::Mat& slot(int i) { return frames[i]; }
-    // Consumer: done with the slot it took last. The producer rewrites that
-    // slot only 59 commits later; this release orders the two even when the
-    // consumer takes nothing in between.
-    void slotDone() { consumerDone.fetch_add(1, std::memory_order_release); }
+    // Consumer: done with the slot it took last; from now on the producer
+    // may write into it again.
+    void slotDone() EXCLUDES(ringMutex);
 
     // Empties both stamp histories; indices, slots and rates stay. Call only
     // while no producer runs.
@@ -100,6 +94,7 @@ private:
     int32_t lastWritten GUARDED_BY(ringMutex) = -1;
     int32_t lastServed GUARDED_BY(ringMutex) = -1;
     bool servedSlotRewritten GUARDED_BY(ringMutex) = false;  // committed into lastServed's slot
+    bool slotHeld GUARDED_BY(ringMutex) = false;             // lastServed's, until slotDone()
     cv::Size decodedSize;  // producer's: the last committed frame's shape
     int decodedType = -1;
     CondVar committed;                  // signalled on every commit; waited on with ringMutex
@@ -110,5 +105,4 @@ private:
     double dequeueRateValue GUARDED_BY(rateMutex) = 0.0;
     double queueRateValue GUARDED_BY(rateMutex) = 0.0;
     Clock clock;
-    std::atomic<uint32_t> consumerDone{0};
 };

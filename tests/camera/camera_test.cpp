@@ -72,7 +72,8 @@ int listenOnLoopback(int& port, int backlog) {
 int64_t g_now = 0;  // the rings' clock, in nanoseconds
 
 // Runs "3c n x ..." on a ring: Nc commits N frames, n takes the newest, x
-// takes and clears, each `step` nanoseconds after the last. Returns what the
+// takes and clears, h takes the newest and holds it (the others are done with
+// what they take), each `step` nanoseconds after the last. Returns what the
 // takes handed out.
 std::vector<int> run(FrameRing& ring, const std::string& ops, int64_t step = 0) {
     std::vector<int> taken;
@@ -80,9 +81,12 @@ std::vector<int> run(FrameRing& ring, const std::string& ops, int64_t step = 0) 
     for (std::string op; in >> op;) {
         for (int i = op.size() > 1 ? std::stoi(op) : 1; i > 0; --i) {
             g_now += step;
-            if (op.back() == 'c') ring.commitFrame();
-            if (op.back() != 'c')
-                taken.push_back(op.back() == 'n' ? ring.takeNewest() : ring.takeAndClear());
+            if (op.back() == 'c') {
+                ring.commitFrame();
+                continue;
+            }
+            taken.push_back(op.back() == 'x' ? ring.takeAndClear() : ring.takeNewest());
+            if (op.back() != 'h') ring.slotDone();
         }
     }
     return taken;
@@ -95,6 +99,7 @@ TEST(FrameRing, TakesRatesAndWaits) {
         {"61c n", {0}},
         {"c n 60c n c n", {0, -1, 1}},  // sixty commits later the same slot looks old
         {"c x x 60c x", {0, -1, 0}},    // take-and-clear sees every new commit
+        {"c h 60c n", {0, 1}},          // a slot still held is passed over
         {"c n c x n c n", {0, 1, -1, 2}}};
     for (const auto& [ops, taken] : cases) {
         FrameRing ring;
