@@ -179,4 +179,5 @@ struct FakeRates : RateSource {
 struct FrameServerPeer {
     static int port(const FrameServer& server) { return server.boundPort(); }
     static const std::list<Client*>& clients(const FrameServer& server) { return server.clients; }
+    static int epollFd(const FrameServer& server) { return server.epollFd; }
 };
