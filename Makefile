@@ -61,7 +61,7 @@ fuzz: deps
 # that the server's memory and descriptors stay flat (tests/e2e/e2e.py).
 SOAK_SECONDS ?= 600
 soak: build
-	tests/support/isolate --net -- tests/e2e/e2e.py $(BUILD_DIR) soak $(SOAK_SECONDS)
+	scripts/isolate --net -- tests/e2e/e2e.py $(BUILD_DIR) soak $(SOAK_SECONDS)
 
 demo: build
 	scripts/demo $(BUILD_DIR)
