@@ -125,16 +125,17 @@ int main(int argc, char** argv) {
     } else if (single) {
         for (int id = 1; !ages.done(); ++id) {
             LoopbackClient client(port);
-            client.sendText("GET /?frame_id=" + std::to_string(id) + " HTTP/1.1\r\n\r\n");
-            std::string answer = client.readToEof(5s) ? client.data() : "";
+            client.send("GET /?frame_id=" + std::to_string(id) + " HTTP/1.1\r\n\r\n");
+            std::string answer = client.read(SIZE_MAX, 5s);
+            if (!client.eof) answer.clear();
             takeJpegs(answer, ages);
         }
     } else {
         LoopbackClient client(port);
-        client.sendText("GET / HTTP/1.1\r\n\r\n");
+        client.send("GET / HTTP/1.1\r\n\r\n");
         std::string buffer;
-        for (size_t had = 0; !ages.done() && !client.eof(); had = client.data().size()) {
-            buffer += client.readAtLeast(had + 1, 100ms).substr(had);
+        for (size_t had = 0; !ages.done() && !client.eof; had = client.data.size()) {
+            buffer += client.read(had + 1, 100ms).substr(had);
             takeJpegs(buffer, ages);
         }
     }

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     LoopbackClient client(FrameServerPeer::port(server));
     if (!pass([&] { return !FrameServerPeer::clients(server).empty(); })) std::abort();
     Client* state = FrameServerPeer::clients(server).front();
-    client.sendText(request);
+    client.send(request);
     if (!request.empty() && !pass([&] { return state->headerSent || state->singleImage; }))
         std::abort();
     server.sendFrame(kJpeg);
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string expected = single            ? kSingle
                                  : request.empty() ? ""
                                                    : kStreamHeader + kPart + kPart;
-    if (client.readAtLeast(expected.size() + single, 20s) != expected || client.eof() != single)
+    if (client.read(expected.size() + single, 20s) != expected || client.eof != single)
         std::abort();
     server.removeClient(state);
     return 0;

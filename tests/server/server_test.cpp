@@ -32,23 +32,23 @@ protected:
 TEST_F(ServerTest, LaterReadsNeverResendTheHeaderAndFrameIdEndsTheStream) {
     LoopbackClient silent(port);
     ASSERT_TRUE(passUntil([&] { return clients().size() == 1; }));
-    EXPECT_EQ(clients().front()->port, localPort(silent.fd()));
+    EXPECT_EQ(clients().front()->port, localPort(silent.fd));
     LoopbackClient viewer(port);
     ASSERT_TRUE(passUntil([&] { return clients().size() == 2; }));
     EXPECT_FALSE(server.hasWaitingClients());  // none has asked for anything yet
     const Client* state = clients().front();
-    viewer.sendText("GET / HTTP/1.1\r\n\r\n");
+    viewer.send("GET / HTTP/1.1\r\n\r\n");
     ASSERT_TRUE(passUntil([&] { return state->headerSent; }));
     EXPECT_TRUE(server.hasWaitingClients());
-    viewer.sendText("GET / again\r\n\r\n");
+    viewer.send("GET / again\r\n\r\n");
     for (int pass = 0; pass < 3; ++pass) server.handleEvents();
     server.sendFrame(kJpeg);
-    viewer.sendText("GET /?frame_id=2");
+    viewer.send("GET /?frame_id=2");
     ASSERT_TRUE(passUntil([&] { return state->singleImage; }));
     server.sendFrame(kJpeg);
-    EXPECT_TRUE(viewer.readToEof(5s));
-    EXPECT_EQ(viewer.data(), kStreamHeader + kPart + kSingle);
-    EXPECT_EQ(silent.readAtLeast(1, 50ms), "");
+    EXPECT_EQ(viewer.read(), kStreamHeader + kPart + kSingle);
+    EXPECT_TRUE(viewer.eof);
+    EXPECT_EQ(silent.read(1, 50ms), "");
     EXPECT_EQ(clients().size(), 2u);
 }
 
@@ -62,9 +62,9 @@ TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
     }
     // A half-closed client goes with its request unread; a vanished streaming
     // client makes sends fail (errno on stderr) until the next pass.
-    connected[0]->sendText("GET /?frame_id=1");
-    shutdown(connected[0]->fd(), SHUT_WR);
-    connected[1]->sendText("GET /");
+    connected[0]->send("GET /?frame_id=1");
+    shutdown(connected[0]->fd, SHUT_WR);
+    connected[1]->send("GET /");
     ASSERT_TRUE(passUntil([&] { return clients().size() == 2 && clients().back()->headerSent; }));
     connected[1].reset();
     CaptureStderr();
@@ -72,8 +72,8 @@ TEST_F(ServerTest, ClientsAreAcceptedOnePerPassAndGoneClientsAreRemoved) {
     const std::string errors = GetCapturedStderr();
     EXPECT_TRUE(std::regex_match(errors, std::regex("(104\n)?(32\n){1,3}"))) << errors;
     EXPECT_EQ(clients().size(), 2u);
-    EXPECT_TRUE(connected[0]->readToEof(1s));
-    EXPECT_EQ(connected[0]->data(), "");
+    EXPECT_EQ(connected[0]->read(), "");
+    EXPECT_TRUE(connected[0]->eof);
     EXPECT_TRUE(passUntil([&] { return clients().size() == 1; }));
     connected.clear();
     EXPECT_TRUE(passUntil([&] { return clients().empty(); }));

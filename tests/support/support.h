@@ -127,46 +127,34 @@ struct TestCamera {
     }
     int port() const { return std::stoi(url.substr(url.rfind(':') + 1)); }
     FILE* output;
-    pid_t pid;
+    pid_t pid = 0;
     std::string url;
 };
 
-// A blocking loopback connection; what it reads piles up in data().
-class LoopbackClient {
-public:
-    explicit LoopbackClient(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+// A blocking loopback connection; what it reads piles up in `data`.
+struct LoopbackClient {
+    explicit LoopbackClient(int port) {
         const sockaddr_in a = loopback(port);
-        connect(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a);
+        connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a);
     }
-    ~LoopbackClient() { close(fd_); }
-    int fd() const { return fd_; }
-    void sendText(const std::string& text) const {
-        send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
-    }
+    ~LoopbackClient() { close(fd); }
+    void send(const std::string& text) const { ::send(fd, text.data(), text.size(), MSG_NOSIGNAL); }
     // Reads until `total` bytes are in, the peer closes or time runs out.
-    const std::string& readAtLeast(size_t total, Millis timeout = 10s) {
+    const std::string& read(size_t total = SIZE_MAX, Millis timeout = 10s) {
         char buffer[65536];
         const auto deadline = Clock::now() + timeout;
-        while (data_.size() < total && !eof_ && Clock::now() < deadline) {
-            pollfd p{fd_, POLLIN, 0};
+        while (data.size() < total && !eof && Clock::now() < deadline) {
+            pollfd p{fd, POLLIN, 0};
             if (poll(&p, 1, 10) <= 0) continue;
-            const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-            eof_ = n <= 0;
-            data_.append(buffer, std::max<ssize_t>(n, 0));
+            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+            eof = n <= 0;
+            data.append(buffer, std::max<ssize_t>(n, 0));
         }
-        return data_;
+        return data;
     }
-    bool readToEof(Millis timeout = 10s) {
-        readAtLeast(SIZE_MAX, timeout);
-        return eof_;
-    }
-    const std::string& data() const { return data_; }
-    bool eof() const { return eof_; }
-
-private:
-    int fd_;
-    bool eof_ = false;
-    std::string data_;
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool eof = false;
+    std::string data;
 };
 
 struct FakeRates : RateSource {
