@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The real server with the real test camera and real clients, and the
 device's files at work. Run in private mount and network namespaces
-(tests/support/isolate), so the fixed paths and the camera's default address
+(scripts/isolate), so the fixed paths and the camera's default address
 are the test's own.
 
     e2e.py BUILD CASE        one case (a test_ function below); CTest runs each
@@ -12,7 +12,6 @@ arm64 build); VS_CAMERA names the test camera when BUILD has none.
 """
 import os
 import re
-import shutil
 import signal
 import socket
 import subprocess
@@ -22,17 +21,12 @@ import threading
 import time
 
 BUILD = os.path.abspath(sys.argv[1])
-SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 LOG = "/media/usb99/stream.log"
+FIFO = "/var/run/tbx/api.fifo"
 EXIT = "************** EXIT **************"
-LAUNCHER = os.environ.get("VS_LAUNCHER", "").split()
+SERVER = os.environ.get("VS_LAUNCHER", "").split() + [BUILD + "/video-server"]
 TMP = tempfile.mkdtemp()
 STARTED = []  # every process a case starts, killed when it ends
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(what)
 
 
 def wait_for(condition, seconds=30):
@@ -46,7 +40,7 @@ def wait_for(condition, seconds=30):
 
 def log():
     """The event log's messages, without their time stamps."""
-    with open(LOG, errors="replace") if os.path.exists(LOG) else open(os.devnull) as f:
+    with open(LOG if os.path.exists(LOG) else os.devnull, errors="replace") as f:
         return [line[27:].rstrip("\n") for line in f]
 
 
@@ -55,22 +49,19 @@ def start(command, out=os.devnull):
     return STARTED[-1]
 
 
-def stop(process, sig=signal.SIGINT):
-    process.send_signal(sig)
-    return process.wait(30)
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
 
 
 def camera():
     """Starts the test camera; the server's options for it."""
     out = TMP + "/camera.url"
     start([os.environ.get("VS_CAMERA", BUILD + "/test-camera"), "--size", "640x360", "--port", "0"], out)
-    check(wait_for(lambda: open(out).read().endswith("\n")), "the test camera did not start")
+    assert wait_for(lambda: open(out).read().endswith("\n")), "the test camera did not start"
     url = open(out).read().strip()
     return ["-u", url, "-t", "127.0.0.1:" + re.search(r":(\d+)/", url).group(1)]
-
-
-def server(port, args, out=TMP + "/server.out"):
-    return start(LAUNCHER + [BUILD + "/video-server", "-p", str(port)] + args, out)
 
 
 def serving():
@@ -78,15 +69,15 @@ def serving():
     holds its own, so that the two differ."""
     args = camera()
     port = free_port()
-    process = server(port, args)
-    check(wait_for(lambda: "Read thread running" in log(), 60), "the stream did not open")
+    process = start(SERVER + ["-p", str(port)] + args)
+    assert wait_for(lambda: "Read thread running" in log(), 60), "the stream did not open"
     return port, process
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+def request(port, path):
+    sock = socket.create_connection(("127.0.0.1", port), timeout=30)
+    sock.sendall(b"GET %s HTTP/1.1\r\n\r\n" % path)
+    return sock
 
 
 class Viewer(threading.Thread):
@@ -94,8 +85,7 @@ class Viewer(threading.Thread):
 
     def __init__(self, port):
         super().__init__(daemon=True)
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=30)
-        self.sock.sendall(b"GET / HTTP/1.1\r\n\r\n")
+        self.sock = request(port, b"/")
         self.parts = self.freezes = 0
         self.broken = None
         self.start()
@@ -106,13 +96,11 @@ class Viewer(threading.Thread):
         try:
             while chunk := self.sock.recv(65536):
                 data += chunk
-                while m := re.search(rb"Content-Length: (\d+)\r\n\r\n", data):
-                    end = m.end() + int(m.group(1))
-                    if len(data) < end:
-                        break
-                    check(data[m.end():m.end() + 2] == b"\xff\xd8" and data[end - 2:end] == b"\xff\xd9",
-                          "not a JPEG")
-                    data = data[end:]
+                while (m := re.search(rb"Content-Length: (\d+)\r\n\r\n", data)) and \
+                        len(data) >= m.end() + int(m.group(1)):
+                    jpeg = data[m.end():m.end() + int(m.group(1))]
+                    assert jpeg[:2] == b"\xff\xd8" and jpeg[-2:] == b"\xff\xd9", "not a JPEG"
+                    data = data[m.end() + len(jpeg):]
                     self.freezes += time.monotonic() - last > 3
                     self.parts += 1
                     last = time.monotonic()
@@ -121,45 +109,35 @@ class Viewer(threading.Thread):
             self.broken = str(e)
 
 
-def single_image(port):
-    """Asks for one image; the returned function checks the answer."""
-    sock = socket.create_connection(("127.0.0.1", port), timeout=30)
-    sock.sendall(b"GET /?frame_id=1 HTTP/1.1\r\n\r\n")
-
-    def answered():
-        data = b""
-        while chunk := sock.recv(65536):
-            data += chunk
-        head, _, jpeg = data.partition(b"\r\n\r\n")
-        check(head.startswith(b"HTTP/1.1 200 OK\r\n"), "single image: %r" % head)
-        check(head.endswith(b"Content-Length: %d" % len(jpeg)) and jpeg[-2:] == b"\xff\xd9",
-              "single image: not one whole JPEG")
-    return answered
+def single_image(sock):
+    """Checks the answer to a single-image request."""
+    data = b""
+    while chunk := sock.recv(65536):
+        data += chunk
+    head, _, jpeg = data.partition(b"\r\n\r\n")
+    assert head.startswith(b"HTTP/1.1 200 OK\r\n"), head
+    assert head.endswith(b"Content-Length: %d" % len(jpeg)) and jpeg[-2:] == b"\xff\xd9", head
 
 
 def test_clients():
     """curl's single image, ffmpeg's MJPEG input and Chromium's <img> each
     get a 1280x720 picture (not a blank page: a wide range of luma)."""
-    port, _ = serving()
-    url = "http://127.0.0.1:%d/" % port
+    url = "http://127.0.0.1:%d/" % serving()[0]
     with open(TMP + "/page.html", "w") as f:
         f.write("<body style='margin:0'><img src='%s'></body>" % url)
-    for command in (["curl", "-sS", "-o", TMP + "/curl.jpg", url + "?frame_id=1"],
-                    ["ffmpeg", "-v", "error", "-f", "mjpeg", "-i", url, "-frames:v", "30", "-update",
-                     "1", TMP + "/ffmpeg.jpg"],
-                    ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
-                     "--user-data-dir=" + TMP + "/profile", "--window-size=1280,720",
-                     "--timeout=5000", "--screenshot=" + TMP + "/chromium.png",
-                     "file://" + TMP + "/page.html"]):
+    for picture, command in (
+            ("curl.jpg", ["curl", "-sS", "-o", TMP + "/curl.jpg", url + "?frame_id=1"]),
+            ("ffmpeg.jpg", ["ffmpeg", "-v", "error", "-f", "mjpeg", "-i", url, "-frames:v", "30",
+                            "-update", "1", TMP + "/ffmpeg.jpg"]),
+            ("chromium.png", ["chromium", "--headless", "--no-sandbox", "--disable-gpu",
+                              "--no-first-run", "--user-data-dir=" + TMP + "/profile",
+                              "--window-size=1280,720", "--timeout=5000",
+                              "--screenshot=" + TMP + "/chromium.png", "file://" + TMP + "/page.html"])):
         run = subprocess.run(["timeout", "90"] + command, capture_output=True, stdin=subprocess.DEVNULL)
-        picture = TMP + "/" + command[0] + (".png" if command[0] == "chromium" else ".jpg")
-        stats = subprocess.run(["ffmpeg", "-v", "error", "-i", picture, "-vf",
-                                "signalstats,metadata=print:file=-", "-f", "null", "-"],
-                               capture_output=True, text=True).stdout
-        size = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=width,height",
-                               "-of", "csv=p=0", picture], capture_output=True, text=True)
-        luma = [float(v) for v in re.findall(r"Y(?:MIN|MAX)=([0-9.]+)", stats)] or [0, 0]
-        check(size.stdout.strip() == "1280,720" and luma[1] - luma[0] > 100, (command[0], size.stdout, luma, run.stderr[-300:]))
+        stats = subprocess.run(["ffmpeg", "-i", TMP + "/" + picture, "-vf", "signalstats,metadata=print:file=-",
+                                "-f", "null", "-"], capture_output=True, text=True)
+        luma = [float(v) for v in re.findall(r"Y(?:MIN|MAX)=([0-9.]+)", stats.stdout)] or [0, 0]
+        assert " 1280x720" in stats.stderr and luma[1] - luma[0] > 100, (picture, luma, run.stderr[-300:])
 
 
 def test_life():
@@ -171,44 +149,42 @@ def test_life():
     port = free_port()
     no_route = "192.168.1.64:554"
     refused = "rtsp://127.0.0.1:%d/x" % free_port()
-    version = subprocess.run(["pkg-config", "--modversion", "opencv4"], capture_output=True,
-                             text=True).stdout.strip()
-    cases = [(signal.SIGINT, url, test_url,
-              ["Testing connection to " + test_url, "Success", "Opening stream " + url,
-               "Stream opened", "Read thread running"], ["Stopping camera", "Camera stopped"]),
-             (signal.SIGHUP, None, None, ["Testing connection to " + no_route,
-                                          "connect failed to " + no_route,
-                                          "Failure establishing connection"],
-              ["Failure establishing connection"]),
-             (signal.SIGINT, "ab", "", ["Invalid stream URL : ab"], ["Invalid stream URL : ab"]),
-             (signal.SIGINT, refused, "", ["Opening stream " + refused, "Failure opening stream"],
-              ["Failure opening stream"])]
-    for sig, stream, probe, opening, closing in cases:
+    version = subprocess.run(["pkg-config", "--modversion", "opencv4"], capture_output=True, text=True)
+    for sig, stream, probe, opening, closing in (
+            (signal.SIGINT, url, test_url, ["Testing connection to " + test_url, "Success",
+                                            "Opening stream " + url, "Stream opened", "Read thread running"],
+             ["Stopping camera", "Camera stopped"]),
+            (signal.SIGHUP, None, no_route, ["Testing connection to " + no_route, "connect failed to " + no_route,
+                                             "Failure establishing connection"],
+             ["Failure establishing connection"]),
+            (signal.SIGINT, "ab", "", ["Invalid stream URL : ab"], ["Invalid stream URL : ab"]),
+            (signal.SIGINT, refused, "", ["Opening stream " + refused, "Failure opening stream"],
+             ["Failure opening stream"])):
         if os.path.exists(LOG):
             os.remove(LOG)
-        os.mkfifo("/var/run/tbx/api.fifo")
-        args = ["-u", stream, "-t", probe] if stream else []
-        process = server(port, args)
-        with open("/var/run/tbx/api.fifo") as control:  # the control service's end
-            check(control.readline() == "camera enable\n", "no announcement")
-        check(wait_for(lambda: opening[-1] in log()), log())
+        os.mkfifo(FIFO)
+        process = start(SERVER + ["-p", str(port)] + (["-u", stream, "-t", probe] if stream else []),
+                        TMP + "/server.out")
+        with open(FIFO) as control:  # the control service's end
+            assert control.readline() == "camera enable\n", "no announcement"
+        assert wait_for(lambda: opening[-1] in log()), log()
         if stream == url:  # overlay messages go out as they happen, not when a client connects
-            check(wait_for(lambda: open(TMP + "/server.out").read() ==
-                           "Cannot stat /tmp/overlays.json\n"), "overlay message")
+            assert wait_for(lambda: open(TMP + "/server.out").read() == "Cannot stat /tmp/overlays.json\n")
             viewer = Viewer(port)
-            check(wait_for(lambda: viewer.parts > 0), "no part")
+            assert wait_for(lambda: viewer.parts > 0), "no part"
         time.sleep(2)  # a few attempts' worth of log
-        check(stop(process, sig) == 0, "exit status")
-        expected = ["************** ENTRY **************", "OpenCV version = " + version,
+        process.send_signal(sig)
+        assert process.wait(30) == 0, "exit status"
+        expected = ["************** ENTRY **************", "OpenCV version = " + version.stdout.strip(),
                     "HTTP Port     : %d" % port, "Stream URL    : " + (stream or "rtsp://%s/stream1" % no_route),
                     "Video Width   : 1280", "Video Height  : 720", "Stream FPS    : 30.0",
-                    "Stream CODEC  : h264", "Test URL      : " + (no_route if stream is None else probe),
-                    "Enabling camera", "Camera enabled", "Starting main loop"] + opening
+                    "Stream CODEC  : h264", "Test URL      : " + probe, "Enabling camera", "Camera enabled",
+                    "Starting main loop"] + opening
         lines = log()
-        check(lines[:len(expected)] == expected and lines[-len(closing) - 1:] == closing + [EXIT], lines)
-        check(len(lines) < 30, "%d log lines in about 2 s" % len(lines))
-        check(("client connected\n" in open(TMP + "/server.out").read()) == (stream == url), "clients")
-        os.remove("/var/run/tbx/api.fifo")
+        assert lines[:len(expected)] == expected and lines[-len(closing) - 1:] == closing + [EXIT], lines
+        assert len(lines) < 30, "%d log lines in about 2 s" % len(lines)
+        assert ("client connected\n" in open(TMP + "/server.out").read()) == (stream == url), "clients"
+        os.remove(FIFO)
 
 
 def test_help():
@@ -217,8 +193,8 @@ def test_help():
     usage = r"^Usage: video-server \[OPTION...\] \n"
     for word, status, printed in (("--help", 0, usage + r"Video Server\n\n  -c, --codec=h264 .*Stream Width\n  -\?"),
                                   ("stray", 64, usage + "Try `video-server --help' or `video-server --usage'")):
-        run = subprocess.run(LAUNCHER + [BUILD + "/video-server", word], capture_output=True, text=True)
-        check(run.returncode == status and re.search(printed, run.stdout + run.stderr, re.S), word)
+        run = subprocess.run(SERVER + [word], capture_output=True, text=True)
+        assert run.returncode == status and re.search(printed, run.stdout + run.stderr, re.S), word
 
 
 def test_stopped_viewer():
@@ -231,20 +207,19 @@ def test_stopped_viewer():
         f.write("4096 16384 262144")
     port, _ = serving()
     viewers = [Viewer(port) for _ in range(5)]
-    check(wait_for(lambda: all(v.parts >= 10 for v in viewers)), "viewers")
-    stopped = socket.create_connection(("127.0.0.1", port), timeout=30)
-    stopped.sendall(b"GET / HTTP/1.1\r\n\r\n")
+    assert wait_for(lambda: all(v.parts >= 10 for v in viewers)), "viewers"
+    stopped = request(port, b"/")
 
     def stalled():
         before = viewers[0].parts
         time.sleep(1)  # a second without a part: the stall
         return viewers[0].parts == before
-    check(wait_for(stalled), "no stall")
-    answered = single_image(port)
+    assert wait_for(stalled), "no stall"
+    single = request(port, b"/?frame_id=1")
     counts = [v.parts for v in viewers]
-    check(wait_for(lambda: all(v.parts >= n + 60 for v, n in zip(viewers, counts)), 60), "resumed")
-    check(all(v.freezes == 1 and not v.broken for v in viewers), [v.freezes for v in viewers])
-    answered()
+    assert wait_for(lambda: all(v.parts >= n + 60 for v, n in zip(viewers, counts)), 60), "resumed"
+    assert all(v.freezes == 1 and not v.broken for v in viewers), [v.freezes for v in viewers]
+    single_image(single)
     try:
         while stopped.recv(65536):
             pass
@@ -256,17 +231,19 @@ def test_rotation():
     """The log, grown past 10 MB under a live server, is rotated by the rule as
     installed (mode 0644 whatever the checkout's umask), and the server's next
     line starts a new file; a small log is left alone."""
-    server(free_port(), ["-t", "127.0.0.1:%d" % free_port()])  # no camera: a line every 1-3 s
-    check(wait_for(lambda: "Starting main loop" in log()), "no log")
+    start(SERVER + ["-p", str(free_port()), "-t", "127.0.0.1:%d" % free_port()])  # a line every 1-3 s
+    assert wait_for(lambda: "Starting main loop" in log()), "no log"
     with open(LOG, "ab") as f:
         f.write(b"\0" * 11000000)
-    rule = shutil.copy(SOURCE + "/deploy/logrotate", TMP + "/rule")
+    rule = TMP + "/rule"
+    with open(os.path.dirname(__file__) + "/../../deploy/logrotate") as source, open(rule, "w") as f:
+        f.write(source.read())
     os.chmod(rule, 0o644)
     for _ in range(2):
         subprocess.run(["logrotate", "--state", TMP + "/state", rule], check=True)
-        check(wait_for(lambda: "Testing connection to" in " ".join(log())), "no new log")
-    check(os.path.exists(LOG + ".1.gz") and not os.path.exists(LOG + ".2.gz"), "rotated files")
-    check(b"ENTRY" in subprocess.run(["zcat", LOG + ".1.gz"], capture_output=True).stdout, "rotated log")
+        assert wait_for(lambda: "Testing connection to" in " ".join(log())), "no new log"
+    assert os.path.exists(LOG + ".1.gz") and not os.path.exists(LOG + ".2.gz"), "rotated files"
+    assert b"ENTRY" in subprocess.run(["zcat", LOG + ".1.gz"], capture_output=True).stdout, "rotated log"
 
 
 def soak(seconds):
@@ -275,30 +252,30 @@ def soak(seconds):
     descriptors stay flat after a warm-up (the least of the first and of the
     last ten samples: the log and the overlay file are open for moments)."""
     port, process = serving()
-    pid = process.pid
     viewers = [Viewer(port) for _ in range(5)]
-    warm_up = min(60, max(10, seconds // 10))
     samples = []
     for second in range(seconds):
         if second % 3 == 0:
-            single_image(port)()
+            single_image(request(port, b"/?frame_id=1"))
         if second % 10 == 0:
             with open("/tmp/overlays.json", "w") as f:
                 f.write('{"overlays":[{"x":50,"y":5,"type":"date","value":"%%H:%%M:%%S"},'
                         '{"x":15,"y":94,"type":"queue_rate","value":"%%.1f fps %d"}]}' % second)
-        if second >= warm_up:
-            rss = re.search(r"VmRSS:\s+(\d+)", open("/proc/%d/status" % pid).read()).group(1)
-            samples.append((int(rss), len(os.listdir("/proc/%d/fd" % pid))))
+        if second >= min(60, max(10, seconds // 10)):  # warmed up
+            status = open("/proc/%d/status" % process.pid).read()
+            samples.append((int(re.search(r"VmRSS:\s+(\d+)", status).group(1)),
+                            len(os.listdir("/proc/%d/fd" % process.pid))))
         time.sleep(1)  # the run's pace
     n = min(10, len(samples) // 2)
-    check(n >= 2, "too short to measure")
+    assert n >= 2, "too short to measure"
     for i, name, limit in ((0, "KiB of memory", 8192), (1, "descriptors", 0)):
         first = min(s[i] for s in samples[:n])
         last = min(s[i] for s in samples[-n:])
         print("soak: %s %d -> %d" % (name, first, last))
-        check(last - first <= limit, "%s grew by %d" % (name, last - first))
-    check(all(v.freezes == 0 and not v.broken for v in viewers), [v.freezes for v in viewers])
-    check(stop(STARTED[1]) == 0 and log()[-1] == EXIT, "no orderly stop")
+        assert last - first <= limit, "%s grew by %d" % (name, last - first)
+    assert all(v.freezes == 0 and not v.broken for v in viewers), [v.freezes for v in viewers]
+    process.send_signal(signal.SIGINT)
+    assert process.wait(30) == 0 and log()[-1] == EXIT, "no orderly stop"
     print("soak: %s parts in %d s" % ([v.parts for v in viewers], seconds))
 
 
