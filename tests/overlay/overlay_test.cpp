@@ -43,24 +43,21 @@ bool same(const cv::Mat& a, const cv::Mat& b) {
 
 cv::Mat solid(int value) { return cv::Mat(720, 1280, CV_8UC3, cv::Scalar::all(value)); }
 
-struct Text {
-    std::string text;
-    double x;  // percent
-    double y;
-};
+// A text and its place, in percent of the frame.
+using Text = std::tuple<std::string, double, double>;
 
 // What the overlays should look like: boxes and texts drawn on a copy of the
 // whole frame in order, blended back at half weight.
 cv::Mat reference(const cv::Mat& background, const std::vector<Text>& texts) {
     cv::Mat canvas = background.clone();
-    for (const Text& t : texts) {
+    for (const auto& [text, px, py] : texts) {
         int baseline = 0;
-        const cv::Size s = cv::getTextSize(t.text, cv::FONT_HERSHEY_DUPLEX, 1.0, 1, &baseline);
-        const int x = static_cast<int>(t.x * 12.8 - s.width / 2);
-        const int y = static_cast<int>(s.height / 2 + t.y * 7.2);
+        const cv::Size s = cv::getTextSize(text, cv::FONT_HERSHEY_DUPLEX, 1.0, 1, &baseline);
+        const int x = static_cast<int>(px * 12.8 - s.width / 2);
+        const int y = static_cast<int>(s.height / 2 + py * 7.2);
         cv::rectangle(canvas, {x - 4, y + 7}, {x + s.width + 4, y - s.height - 4}, cv::Scalar(),
                       cv::FILLED);
-        cv::putText(canvas, t.text, {x, y}, cv::FONT_HERSHEY_DUPLEX, 1.0, cv::Scalar::all(255), 1,
+        cv::putText(canvas, text, {x, y}, cv::FONT_HERSHEY_DUPLEX, 1.0, cv::Scalar::all(255), 1,
                     cv::LINE_AA);
     }
     cv::Mat out;
