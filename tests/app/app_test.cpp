@@ -27,19 +27,18 @@ protected:
 // Each row: arguments, then the settings they give and the test URL split
 // ("port widthxheight fps url codec testurl -> host:port").
 TEST_F(AppTest, CommandLineFillsTheSettingsUnvalidatedAndTheTestUrlIsSplitAtItsFirstColon) {
-    const std::string byDefault = std::string("8080 1280x720 30 ") + kDefaultStreamUrl + " h264 ";
-    const std::string camera = kCameraAddress;
+    const std::string url = "rtsp://192.168.1.64:554/stream1";
+    const std::string byDefault = "8080 1280x720 30 " + url + " h264 ";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, byDefault + kDefaultTestUrl + " -> " + camera + ":554"},
+        {{}, byDefault + "192.168.1.64:554 -> 192.168.1.64:554"},
         {{"-p", "9000", "-u", "rtsp://a/b", "-w", "640", "-h", "360", "-f", "12.5", "-c", "mjpeg",
           "-t", ""},
-         "9000 640x360 12.5 rtsp://a/b mjpeg  -> " + camera + ":554"},
+         "9000 640x360 12.5 rtsp://a/b mjpeg  -> 192.168.1.64:554"},
         {{"--httpport", "81x", "--width=-3", "--height", "abc", "--fps", "x", "--testurl=h:1:2"},
-         std::string("81 -3x0 0 ") + kDefaultStreamUrl + " h264 h:1:2 -> h:1"},
-        {{"-t", "127.0.0.1:8554"}, byDefault + "127.0.0.1:8554 -> 127.0.0.1:8554"},
+         "81 -3x0 0 " + url + " h264 h:1:2 -> h:1"},
         {{"-t", "host:"}, byDefault + "host: -> host:0"},
         {{"-t", ":77"}, byDefault + ":77 -> :77"},
-        {{"-t", "nocolon"}, byDefault + "nocolon -> " + camera + ":554"},
+        {{"-t", "nocolon"}, byDefault + "nocolon -> 192.168.1.64:554"},
     };
     for (const auto& [arguments, expected] : cases) {
         Settings s = parse(arguments);
