@@ -15,6 +15,24 @@ struct CameraPeer {
     }
 };
 
+// While alive, OpenCV's default allocator: counts the buffers allocated.
+// The library's allocator, which it restores, frees them.
+struct CountingMatAllocator : cv::MatAllocator {
+    CountingMatAllocator() { cv::Mat::setDefaultAllocator(this); }
+    ~CountingMatAllocator() override { cv::Mat::setDefaultAllocator(library); }
+    cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, size_t* step,
+                           cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+        ++allocated;
+        return library->allocate(dims, sizes, type, data, step, flags, usage);
+    }
+    bool allocate(cv::UMatData* u, cv::AccessFlag f, cv::UMatUsageFlags use) const override {
+        return library->allocate(u, f, use);
+    }
+    void deallocate(cv::UMatData* u) const override { library->deallocate(u); }
+    cv::MatAllocator* const library = cv::Mat::getDefaultAllocator();
+    mutable int allocated = 0;
+};
+
 // A listening socket on a free loopback port; `backlog` 0 still queues one
 // connection. Closed at once, it leaves a port that refuses.
 int listenOnLoopback(int& port, int backlog) {
@@ -85,6 +103,33 @@ TEST(FrameRing, TakesRatesAndWaits) {
     });
     EXPECT_TRUE(ring.waitForNew(4'000'000));
     EXPECT_LT(since(start), 2.0);
+}
+
+// Whatever the consumer takes, the ring and the composer allocate at most
+// three frame buffers in all (write slot, newest, served last): none per
+// frame. Rows: camera size, and which of 360 frames are taken.
+TEST(FrameRing, KeepsAFewBuffersAndAllocatesNonePerFrame) {
+    const auto pause = [](int n) { return n < 60 || n >= 260; };  // none for 200 commits
+    const std::tuple<cv::Size, bool (*)(int)> cases[] = {
+        {{1920, 1080}, [](int) { return true; }},
+        {{640, 480}, [](int n) { return n % 3 == 0; }},
+        {{1920, 1080}, pause},
+        {{1280, 720}, pause}};
+    for (const auto& [camera, takes] : cases) {
+        const CountingMatAllocator buffers;
+        FrameRing ring;
+        FrameComposer composer(ring, ring.pool, "/nonexistent/overlays.json");
+        for (int n = 0; n < 360; ++n) {
+            ring.prepareWriteSlot().create(camera, CV_8UC3);  // as the decoder does
+            ring.writeSlot().setTo(n % 256);
+            ring.commitFrame();
+            if (!takes(n)) continue;
+            ASSERT_EQ(ring.takeNewest(), n % FrameRing::kSlots);
+            EXPECT_FALSE(composer.composeFrame(ring.slot(n % FrameRing::kSlots)).empty());
+            ring.slotDone();
+        }
+        EXPECT_LE(buffers.allocated, 3) << camera;
+    }
 }
 
 class CameraTest : public ::testing::Test {
